@@ -1,0 +1,128 @@
+// The control blocks behind the handles of the layer.
+//
+// Fields stand in the order the closed libraries know; what this implementation adds stands at the
+// end of a record. Every record comes zero-filled from ts_malloc.
+#pragma once
+
+#include "vxw_defs.h"
+
+#include <pthread.h>
+#include <sched.h>
+#include <stddef.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+struct thread_record; // internal.h: what a thread keeps while it may be ended
+
+/** Entry of a task, with the ten arguments given to taskSpawn. */
+typedef int (*task_entry_t)(int, int, int, int, int, int, int, int, int, int);
+
+/** Task control block. The task list owns it; task_list_lock guards all of it. */
+typedef struct task_s {
+    pthread_mutex_t timemutex;       // initialised and destroyed with the block, not used
+    pthread_cond_t timecond;         // likewise
+    char* taskname;                  // own copy; null for a task without a name
+    pthread_t pthrid;                // the task id; 0 until the thread exists
+    pthread_attr_t attr;             // what the thread was created with: all defaults
+    struct sched_param prv_priority; // priority that taskUnlock gives the thread back
+    task_entry_t entry_point;
+    int parms[10];
+    int vxw_priority;             // as passed to taskSpawn
+    struct task_s* nxt_task;      // next in spawn order
+    struct thread_record* record; // the thread behind the block; the block holds a reference
+} task_t;
+
+/** Kinds of semaphore, the values of v2lsem_t::flags. */
+static constexpr int SEM_KIND_BINARY = 0;
+static constexpr int SEM_KIND_MUTEX = 0x10;
+static constexpr int SEM_KIND_COUNTING = 0x20;
+
+/** Bits of the send_type of a semaphore or a queue. */
+static constexpr int SEND_FLUSHED = 1;
+static constexpr int SEND_DELETED = 2;
+
+/** Semaphore. Guarded by sem_lock unless said otherwise. */
+typedef struct v2lsem {
+    pthread_mutexattr_t sem_attr; // recursive
+    pthread_mutex_t sem_lock;
+    pthread_cond_t sem_send;        // broadcast on give, flush and delete
+    pthread_mutexattr_t mutex_attr; // recursive
+    pthread_mutex_t mutex_lock;     // the lock that a mutex-kind semaphore is
+    int flags;                      // SEM_KIND_, constant
+    int token_count;
+    int send_type;                 // SEND_FLUSHED once flushed, SEND_DELETED while going away
+    int recursion_level;           // always 0: mutex_lock counts for itself
+    struct v2lsem* nxt_sem;        // always null: semaphores are not registered
+    int waiters;                   // tasks asleep on sem_send
+    int users;                     // all that keep the record alive: its id, waiters, wakers
+    unsigned int flush_generation; // moves with each flush; a waiter sees that it was flushed
+} v2lsem_t;
+
+/** Header of a slot in a queue's ring. Slots are not aligned: read and written with memcpy. */
+typedef struct q_msg {
+    uint msglen;  // bytes held, 0 when empty
+    char* msgbuf; // stands for the message bytes from offset 8, not a pointer
+} q_msg_t;
+
+/** Message queue. Guarded by queue_lock unless said otherwise. */
+typedef struct v2pt_mqueue {
+    pthread_mutexattr_t queue_attr; // recursive
+    pthread_mutex_t queue_lock;
+    pthread_cond_t queue_send;      // receivers wait here, with queue_lock
+    pthread_mutexattr_t qdlet_attr; // recursive
+    pthread_mutex_t qdlet_lock;
+    pthread_cond_t qdlet_cmplt;     // the deleting task waits here, with qdlet_lock
+    pthread_mutexattr_t qfull_attr; // recursive
+    pthread_mutex_t qfull_lock;
+    pthread_cond_t queue_space;    // senders wait here, with qfull_lock
+    q_msg_t* queue_head;           // next message to receive
+    q_msg_t* queue_tail;           // slot of the next normal message
+    int send_type;                 // SEND_DELETED once deletion began; atomic, written locked
+    q_msg_t* first_msg_in_queue;   // slot 0 and the start of the ring; constant
+    q_msg_t* last_msg_in_queue;    // constant
+    struct v2pt_mqueue* nxt_queue; // registry link, guarded by mqueue_list_lock
+    int msg_count;                 // atomic, written locked
+    int msgs_per_queue;            // capacity; constant
+    int msg_len;                   // longest message in bytes; constant
+    size_t vmsg_len;               // slot stride: 8 + msg_len; constant
+    int waitTasks;                 // tasks waiting on the queue; atomic, written locked
+    int receivers_waiting;         // those of waitTasks that wait for a message
+    int senders_waiting;           // those of waitTasks that wait for space
+    int users;                     // atomic: the registry and every call inside; 0 frees
+} v2pt_mqueue_t;
+
+/** Watchdog. Guarded by wdog_list_lock. */
+typedef struct v2pt_wdog {
+    pthread_mutex_t wdog_lock; // serialises start, cancel and delete of this watchdog
+    int ticks_remaining;       // after the predecessor's expiry; 0 when idle
+    FUNCPTR timeout_func;
+    void* timeout_parm;
+    struct v2pt_wdog* next; // active list; null when idle
+    taskId_t restart_task;  // the task that a watchdog of selfRestart starts afresh
+} v2pt_wdog_t;
+
+static_assert(offsetof(q_msg_t, msgbuf) == 8, "message bytes start at byte 8 of a slot");
+
+#if defined(__x86_64__) && defined(__GLIBC__)
+// Layouts shared with the closed libraries, on this C library.
+static_assert(offsetof(task_t, taskname) == 88 && offsetof(task_t, pthrid) == 96);
+static_assert(offsetof(task_t, attr) == 104 && offsetof(task_t, prv_priority) == 160);
+static_assert(offsetof(task_t, entry_point) == 168 && offsetof(task_t, parms) == 176);
+static_assert(offsetof(task_t, vxw_priority) == 216 && offsetof(task_t, nxt_task) == 224);
+static_assert(offsetof(v2lsem_t, flags) == 144 && offsetof(v2lsem_t, token_count) == 148);
+static_assert(offsetof(v2lsem_t, send_type) == 152 && offsetof(v2lsem_t, nxt_sem) == 160);
+static_assert(offsetof(v2pt_mqueue_t, queue_head) == 288);
+static_assert(offsetof(v2pt_mqueue_t, send_type) == 304 &&
+              offsetof(v2pt_mqueue_t, nxt_queue) == 328);
+static_assert(offsetof(v2pt_mqueue_t, msg_count) == 336 &&
+              offsetof(v2pt_mqueue_t, vmsg_len) == 352);
+static_assert(offsetof(v2pt_mqueue_t, waitTasks) == 360);
+static_assert(offsetof(v2pt_wdog_t, ticks_remaining) == 40);
+static_assert(offsetof(v2pt_wdog_t, timeout_func) == 48 && offsetof(v2pt_wdog_t, next) == 64);
+#endif
+
+#ifdef __cplusplus
+}
+#endif

@@ -1,0 +1,256 @@
+// Being inside an operation: thread records, waits that a deletion can cut short, and the few
+// helpers that several modules of the layer share. The rules are in internal.h.
+//
+// Locks: wait_lock of each record, innermost but for the mutex that record_wake tries under it.
+#include "internal.h"
+
+#include "osaTask.h"
+
+#include <errno.h>
+#include <signal.h>
+#include <string.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#if defined(__SANITIZE_THREAD__)
+#include <sanitizer/tsan_interface.h>
+#endif
+
+static constexpr long NS_PER_S = 1'000'000'000;
+static constexpr long NS_PER_MS = 1'000'000;
+static constexpr long NS_PER_US = 1'000;
+static constexpr long LOCK_SLICE_MS = 40; // a deleted task lets a mutex wait go within this time
+
+constinit thread_local thread_record_t* self_record = nullptr;
+
+static constinit thread_local thread_record_t plain_record = {
+    .depth = 0,
+    .pending = 0,
+    .ending = 0,
+    .refs = 1, // thread-local storage, never freed
+    .wait_lock = PTHREAD_MUTEX_INITIALIZER,
+    .wait_cond = nullptr,
+    .wait_mutex = nullptr,
+};
+
+// ---- Records ----
+
+thread_record_t* own_record(void)
+{
+    self_record = &plain_record;
+    return self_record;
+}
+
+thread_record_t* record_new(void)
+{
+    thread_record_t* record = static_cast<thread_record_t*>(ts_malloc(sizeof(thread_record_t)));
+    if (record == nullptr) {
+        return nullptr;
+    }
+    pthread_mutex_init(&record->wait_lock, nullptr);
+    record->depth = 1;
+    record->refs = 1;
+    return record;
+}
+
+void record_hold(thread_record_t* record)
+{
+    __atomic_add_fetch(&record->refs, 1, __ATOMIC_RELAXED);
+}
+
+void record_drop(thread_record_t* record)
+{
+    if (__atomic_sub_fetch(&record->refs, 1, __ATOMIC_ACQ_REL) != 0) {
+        return;
+    }
+    pthread_mutex_destroy(&record->wait_lock);
+    ts_free(record);
+}
+
+void record_retire(thread_record_t* me)
+{
+    // One store switches over: a signal that is still on its way meets a record that is inert.
+    plain_record.depth = 1;
+    plain_record.ending = 1;
+    __atomic_signal_fence(__ATOMIC_SEQ_CST);
+    self_record = &plain_record;
+    __atomic_signal_fence(__ATOMIC_SEQ_CST);
+    record_drop(me);
+}
+
+void record_ask_end(thread_record_t* record)
+{
+    store_release(&record->pending, 1);
+}
+
+void record_wake(thread_record_t* record)
+{
+    bool done = false;
+
+    while (!done) {
+        done = true;
+        pthread_mutex_lock(&record->wait_lock);
+        if (record->wait_cond != nullptr) {
+            // The thread holds wait_mutex from before it published the wait until it sleeps. So a
+            // failed try means that it has yet to look at the mark, or a short section of others.
+            done = pthread_mutex_trylock(record->wait_mutex) == 0;
+            if (done) {
+                pthread_cond_broadcast(record->wait_cond);
+                pthread_mutex_unlock(record->wait_mutex);
+            }
+        }
+        pthread_mutex_unlock(&record->wait_lock);
+        if (!done) {
+            sched_yield();
+        }
+    }
+}
+
+void thread_end(thread_record_t* me)
+{
+    static constexpr char message[] = "this signal is 10 \n";
+    static_assert(SIGUSR1 == 10);
+
+    me->ending = 1;
+    store_relaxed(&me->depth, me->depth + 1); // never 0 again
+    __atomic_signal_fence(__ATOMIC_SEQ_CST);
+    // Not printf: the signal may have come while this thread held the lock of the stream.
+    [[maybe_unused]] const ssize_t written = write(STDOUT_FILENO, message, sizeof message - 1);
+    pthread_exit(nullptr);
+}
+
+// ---- Waiting ----
+
+static void publish_wait(thread_record_t* me, pthread_cond_t* cond, pthread_mutex_t* mutex)
+{
+    pthread_mutex_lock(&me->wait_lock);
+    me->wait_cond = cond;
+    me->wait_mutex = mutex;
+    pthread_mutex_unlock(&me->wait_lock);
+}
+
+int op_wait(thread_record_t* me, pthread_cond_t* cond, pthread_mutex_t* mutex,
+            const struct timespec* deadline)
+{
+    int result = 0;
+
+    TEST_POINT();
+    publish_wait(me, cond, mutex);
+    TEST_POINT();
+    if (!end_asked(me)) {
+        // From here to the sleep the mutex keeps the deleter's wake-up out.
+        TEST_POINT();
+        result = deadline != nullptr ? pthread_cond_timedwait(cond, mutex, deadline)
+                                     : pthread_cond_wait(cond, mutex);
+    }
+    publish_wait(me, nullptr, nullptr);
+    TEST_POINT();
+    return result;
+}
+
+// Monotonic, for a step of the wall clock must not stretch a slice.
+static int lock_for_a_slice(pthread_mutex_t* mutex)
+{
+    struct timespec end;
+
+    clock_gettime(CLOCK_MONOTONIC, &end);
+    end.tv_nsec += LOCK_SLICE_MS * NS_PER_MS;
+    if (end.tv_nsec >= NS_PER_S) {
+        end.tv_sec++;
+        end.tv_nsec -= NS_PER_S;
+    }
+#if defined(__BIONIC__)
+    return pthread_mutex_timedlock_monotonic_np(mutex, &end);
+#elif defined(__SANITIZE_THREAD__)
+    // The sanitizer does not intercept this call and is told instead.
+    __tsan_mutex_pre_lock(mutex, __tsan_mutex_try_lock);
+    const int result = pthread_mutex_clocklock(mutex, CLOCK_MONOTONIC, &end);
+    __tsan_mutex_post_lock(
+        mutex, __tsan_mutex_try_lock | (result != 0 ? __tsan_mutex_try_lock_failed : 0), 0);
+    return result;
+#else
+    return pthread_mutex_clocklock(mutex, CLOCK_MONOTONIC, &end);
+#endif
+}
+
+bool op_lock(thread_record_t* me, pthread_mutex_t* mutex)
+{
+    if (pthread_mutex_trylock(mutex) == 0) {
+        return true;
+    }
+    if (me->depth > 1) {
+        // Inside another operation, which counts on the lock and holds it for a moment only.
+        pthread_mutex_lock(mutex);
+        return true;
+    }
+    while (!end_asked(me)) {
+        TEST_POINT();
+        if (lock_for_a_slice(mutex) != 0) {
+            continue;
+        }
+        if (!end_asked(me)) {
+            return true;
+        }
+        pthread_mutex_unlock(mutex);
+    }
+    return false;
+}
+
+void op_sleep_ms(thread_record_t* me, long long ms)
+{
+    struct timespec end;
+
+    clock_gettime(CLOCK_MONOTONIC, &end);
+    end.tv_sec += static_cast<time_t>(ms / 1000);
+    end.tv_nsec += static_cast<long>(ms % 1000) * NS_PER_MS;
+    if (end.tv_nsec >= NS_PER_S) {
+        end.tv_sec++;
+        end.tv_nsec -= NS_PER_S;
+    }
+    while (!end_asked(me)) {
+        if (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &end, nullptr) != EINTR) {
+            return;
+        }
+    }
+}
+
+// ---- Shared helpers ----
+
+void deadline_after(int ticks, struct timespec* deadline)
+{
+    struct timeval now;
+
+    const long long us = static_cast<long long>(ticks) * load_relaxed(&msPerTick) * 1000;
+    gettimeofday(&now, nullptr);
+    // Floored, so that tv_nsec is in range for a time that has passed as well.
+    long long sec = us / 1'000'000;
+    long long rest = us % 1'000'000 + now.tv_usec;
+    if (rest < 0) {
+        sec--;
+        rest += 1'000'000;
+    }
+    if (rest >= 1'000'000) {
+        sec++;
+        rest -= 1'000'000;
+    }
+    deadline->tv_sec = now.tv_sec + static_cast<time_t>(sec);
+    deadline->tv_nsec = static_cast<long>(rest) * NS_PER_US;
+}
+
+BOOL time_expired(struct timespec* timeout)
+{
+    struct timeval now;
+
+    gettimeofday(&now, nullptr);
+    if (timeout->tv_sec != now.tv_sec) {
+        return timeout->tv_sec < now.tv_sec;
+    }
+    return timeout->tv_nsec <= now.tv_usec * NS_PER_US;
+}
+
+void recursive_mutex_init(pthread_mutex_t* mutex, pthread_mutexattr_t* attr)
+{
+    pthread_mutexattr_init(attr);
+    pthread_mutexattr_settype(attr, PTHREAD_MUTEX_RECURSIVE);
+    pthread_mutex_init(mutex, attr);
+}

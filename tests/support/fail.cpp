@@ -1,0 +1,71 @@
+#include "fail.h"
+
+#include <cerrno>
+#include <cstddef>
+#include <pthread.h>
+
+extern "C" void* __real_malloc(size_t size);
+extern "C" int __real_pthread_create(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
+
+struct countdown {
+    int left;
+    bool and_after;
+};
+
+static constinit thread_local countdown mallocs = {0, false};
+static constinit thread_local countdown threads = {0, false};
+static constinit thread_local bool has_failed = false;
+static constinit thread_local int calls = 0;
+
+static bool fails(countdown* c)
+{
+    if (c->left == 0 || --c->left > 0) {
+        return false;
+    }
+    c->left = c->and_after ? 1 : 0;
+    has_failed = true;
+    return true;
+}
+
+void fail_malloc(int nth, bool and_after)
+{
+    mallocs = {nth, and_after};
+    has_failed = false;
+    calls = 0;
+}
+
+void fail_thread(int nth)
+{
+    threads = {nth, false};
+    has_failed = false;
+}
+
+void fail_nothing()
+{
+    mallocs = threads = {0, false};
+}
+
+bool failed()
+{
+    return has_failed;
+}
+int malloc_calls()
+{
+    return calls;
+}
+
+extern "C" void* __wrap_malloc(size_t size)
+{
+    calls++;
+    if (fails(&mallocs)) {
+        errno = ENOMEM;
+        return nullptr;
+    }
+    return __real_malloc(size);
+}
+
+extern "C" int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attr,
+                                     void* (*entry)(void*), void* arg)
+{
+    return fails(&threads) ? EAGAIN : __real_pthread_create(thread, attr, entry, arg);
+}

@@ -1,0 +1,20 @@
+// Stands in for the closed library's log call: records every line.
+#pragma once
+
+#include <string>
+#include <vector>
+
+struct log_line {
+    int priority;
+    std::string tag;
+    std::string format; // as the caller passed it
+    std::string text;   // formatted
+};
+
+/** Lines logged since the last log_clear, oldest first. */
+std::vector<log_line> log_lines();
+
+/** The texts alone, each closed with '|': "a|b|". */
+std::string log_texts();
+
+void log_clear();
