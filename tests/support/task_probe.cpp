@@ -1,0 +1,131 @@
+#include "task_probe.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <dirent.h>
+#include <mutex>
+#include <pthread.h>
+#include <sys/mman.h>
+#include <time.h>
+#include <unistd.h>
+
+int64_t now_ns()
+{
+    timespec t;
+    clock_gettime(CLOCK_MONOTONIC, &t);
+    return t.tv_sec * 1000000000LL + t.tv_nsec;
+}
+
+bool eventually(const std::function<bool()>& holds, int limit_ms)
+{
+    const int64_t end = now_ns() + limit_ms * 1000000LL;
+    while (!holds()) {
+        if (now_ns() > end) {
+            return false;
+        }
+        usleep(200);
+    }
+    return true;
+}
+
+int thread_count()
+{
+    DIR* dir = opendir("/proc/self/task");
+    int count = 0;
+    while (const dirent* entry = readdir(dir)) {
+        count += entry->d_name[0] != '.' ? 1 : 0;
+    }
+    closedir(dir);
+    return count;
+}
+
+int64_t resident_bytes()
+{
+    FILE* file = fopen("/proc/self/statm", "r");
+    long size = 0;
+    long resident = 0;
+    const int fields = fscanf(file, "%ld %ld", &size, &resident);
+    fclose(file);
+    return fields == 2 ? resident * sysconf(_SC_PAGESIZE) : -1;
+}
+
+static void mark_ended(void* arg)
+{
+    probe* p = static_cast<probe*>(arg);
+    p->ended_at = now_ns();
+    p->ended = true;
+}
+
+// At load: a thread that is deleted here must not leave a half-initialised static behind.
+static const pthread_key_t probe_key = [] {
+    pthread_key_t key;
+    pthread_key_create(&key, mark_ended);
+    return key;
+}();
+
+void probe_attach(probe* p)
+{
+    pthread_setspecific(probe_key, p);
+    p->running = true;
+}
+
+using body_t = std::function<void()>;
+
+static std::mutex spawn_lock;
+static std::atomic<body_t*> handed_over{nullptr};
+
+static void delete_body(void* body)
+{
+    delete static_cast<body_t*>(body);
+}
+
+static int run_body(int, int, int, int, int, int, int, int, int, int)
+{
+    body_t* body = handed_over;
+    pthread_cleanup_push(delete_body, body);
+    handed_over = nullptr;
+    (*body)();
+    pthread_cleanup_pop(1);
+    return 0;
+}
+
+taskId_t spawn(const body_t& body, const char* name, int pri)
+{
+    std::lock_guard<std::mutex> guard(spawn_lock);
+    handed_over = new body_t(body);
+    const taskId_t id =
+        taskSpawn(const_cast<char*>(name), pri, 0, 0, reinterpret_cast<FUNCPTR>(run_body), 0, 0, 0,
+                  0, 0, 0, 0, 0, 0, 0);
+    if (id == static_cast<taskId_t>(ERROR)) {
+        delete handed_over.exchange(nullptr);
+    }
+    while (handed_over != nullptr) {
+        sched_yield();
+    }
+    return id;
+}
+
+stdout_capture::stdout_capture()
+{
+    fflush(nullptr);
+    saved = dup(STDOUT_FILENO);
+    file = memfd_create("stdout", 0);
+    dup2(file, STDOUT_FILENO);
+}
+
+stdout_capture::~stdout_capture()
+{
+    fflush(nullptr);
+    dup2(saved, STDOUT_FILENO);
+    close(saved);
+    close(file);
+}
+
+std::string stdout_capture::text()
+{
+    fflush(nullptr);
+    std::string all(static_cast<size_t>(lseek(file, 0, SEEK_END)), '\0');
+    const ssize_t size = pread(file, all.data(), all.size(), 0);
+    all.resize(size > 0 ? static_cast<size_t>(size) : 0);
+    return all;
+}
