@@ -1,0 +1,109 @@
+// The queue manager: locked first-in-first-out queues of blocks.
+//
+// The link to the next block stands in the block's header, which may lie at any address, so it is
+// read and written with memcpy. It keeps its value when the block leaves the queue. What decides
+// whether a queue is empty is headPtr; count wraps and decides nothing.
+//
+// Lock: the queue's own semaphore (queueHeld); no other is taken inside it. headPtr alone is also
+// read without it.
+#include "uQm.h"
+#include "uBm.h"
+#include "internal.h"
+#include "osaSem.h"
+
+#include <string.h>
+
+static constexpr lock_role_t queueHeld; // lockSem of the queue at hand
+
+static void uQmLock(uQmQueue_t* queueHeader) ACQUIRES(queueHeld) UNCHECKED
+{
+    if (queueHeader != nullptr && queueHeader->lockSem != nullptr) {
+        semTake(queueHeader->lockSem, WAIT_FOREVER);
+    }
+}
+
+static void uQmUnlock(uQmQueue_t* queueHeader) RELEASES(queueHeld) UNCHECKED
+{
+    if (queueHeader != nullptr && queueHeader->lockSem != nullptr) {
+        semGive(queueHeader->lockSem);
+    }
+}
+
+/** Where the header of a block has its nextPtr. */
+static char* link_of(void* data)
+{
+    return static_cast<char*>(data) - sizeof(uBmBufHead_t) + offsetof(uBmBufHead_t, nextPtr);
+}
+
+static void set_next(void* data, void* next)
+{
+    memcpy(link_of(data), &next, sizeof next);
+}
+
+static void* next_of(void* data)
+{
+    void* next = nullptr;
+    memcpy(&next, link_of(data), sizeof next);
+    return next;
+}
+
+static void* take_head_locked(uQmQueue_t* queue) REQUIRES(queueHeld)
+{
+    void* head = queue->headPtr;
+    if (head == nullptr) {
+        return nullptr; // another thread took the last block since the look without the lock
+    }
+    if (head == queue->tailPtr) {
+        store_relaxed<void*>(&queue->headPtr, nullptr);
+        queue->tailPtr = nullptr;
+    } else {
+        store_relaxed(&queue->headPtr, next_of(head));
+    }
+    queue->count--;
+    return head;
+}
+
+void uQmInit(uQmQueue_t* queueHeader)
+{
+    if (queueHeader == nullptr) {
+        return;
+    }
+    thread_record_t* me = op_enter();
+    queueHeader->lockSem = semMCreate(0);
+    queueHeader->headPtr = nullptr;
+    queueHeader->tailPtr = nullptr;
+    queueHeader->count = 0;
+    op_leave(me);
+}
+
+void uQmEnq(uQmQueue_t* queueHeader, void* bufPtr)
+{
+    if (queueHeader == nullptr || bufPtr == nullptr) {
+        return;
+    }
+    thread_record_t* me = op_enter();
+    uQmLock(queueHeader);
+    set_next(bufPtr, nullptr);
+    if (queueHeader->headPtr != nullptr) {
+        set_next(queueHeader->tailPtr, bufPtr);
+    } else {
+        store_relaxed(&queueHeader->headPtr, bufPtr);
+    }
+    queueHeader->tailPtr = bufPtr;
+    queueHeader->count++;
+    uQmUnlock(queueHeader);
+    op_leave(me);
+}
+
+void* uQmDeq(uQmQueue_t* queueHeader)
+{
+    if (queueHeader == nullptr || load_relaxed(&queueHeader->headPtr) == nullptr) {
+        return nullptr;
+    }
+    thread_record_t* me = op_enter();
+    uQmLock(queueHeader);
+    void* head = take_head_locked(queueHeader);
+    uQmUnlock(queueHeader);
+    op_leave(me);
+    return head;
+}

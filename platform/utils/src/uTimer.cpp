@@ -1,0 +1,647 @@
+// The timer service: a delta list of one-shot timers aged by the pump, the measuring of wall-clock
+// steps, and the records of absolute-time timers.
+//
+// timerList is ordered by expiry. A node's expires counts from its predecessor's expiry, so the
+// gaps up to a node add up to its time left, and a pass with nothing due looks at the head alone.
+// Gaps are 0 or more. They add up in 64 bits; a sum beyond 32 bits, which only a negative time_gap
+// can bring about, sticks at the largest value. A timer goes in front of those that expire at the
+// same time.
+//
+// Nodes carry their own list link, so nothing here allocates but the creation of the service and
+// the records of absolute-time timers. Timers that expired are cut off the list as one chain, which
+// belongs to the uTimerRun that cut it; each goes back to the pool after its callback, and those a
+// thread leaves behind when it ends in a callback go back to the head of the list.
+//
+// A re-synchronisation takes the whole chain of records away while it walks it, and puts what is
+// left in front of those that were added meanwhile.
+//
+// Locks; none is taken inside another, except the pool's own inside the first two:
+//   creation_lock     the creation of the service; timerList is stored last
+//   timerMutex        timerList's content and uTimerId
+//   event_lock        timerEventList, its end, and gTime
+// Log lines and callbacks come after the locks.
+#include "uTimer.h"
+#include "internal.h"
+#include "nxaLog.h"
+#include "osaSem.h"
+#include "osaTask.h"
+#include "uBm.h"
+#include "uEvent.h"
+#include "ulist.h"
+
+#include <pthread.h>
+#include <time.h>
+
+static const char* const uTimerLogName = "quarn.utils.timer";
+
+static constexpr int32_t DEFAULT_TIMERS = 300; // also the smallest pool
+static constexpr uint32_t MS_PER_S = 1000;
+static constexpr uint32_t STEP_S = 10;          // seconds ahead that still count as time passed
+static constexpr uint32_t PUMP_CYCLE_MS = 50;   // what a cycle with a clock step counts as
+static constexpr uint32_t TOLERANCE_SHARE = 10; // a tenth of the time may differ
+
+typedef struct uTimerNode {
+    int32_t expires;           // ms after the preceding node's expiry; for the first, from now
+    void (*timeout_cb)(void*); // may be null
+    void* param;               // for timeout_cb
+    uint32_t timerId;          // never 0
+    unode_t link;              // in timerList, or in the chain of a uTimerRun
+} uTimerNode_t;
+
+typedef struct uTimerEventInfo {
+    time_t timeSec;   // wall-clock second at which the timer is due
+    uint32_t timerId; // the relative timer armed for it, 0: none
+    unode_t link;     // in timerEventList, or in the chain of a re-synchronisation
+} uTimerEventInfo_t;
+
+/** Where a timer stands, or would stand, in timerList. */
+typedef struct {
+    unode_t** link; // what points to it
+    int64_t before; // ms until the timer in front of it expires
+} place_t;
+
+/** Timers that expired and were not dealt with yet. */
+typedef struct {
+    unode_t* chain; // in order of expiry
+    bool called;    // the callback of the first has begun
+} due_t;
+
+static constexpr lock_role_t creationHeld; // creation_lock
+static constexpr lock_role_t timersHeld;   // timerMutex
+static constexpr lock_role_t eventsHeld;   // event_lock
+
+static pthread_mutex_t creation_lock = PTHREAD_MUTEX_INITIALIZER;
+static pthread_mutex_t event_lock = PTHREAD_MUTEX_INITIALIZER;
+
+static ulist_t* timerList = nullptr;    // atomic; set once, when all else is there
+static SEM_ID timerMutex = nullptr;     // constant once timerList is set
+static uBmHostHeap_t bmMgrTimerPoolHdr; // locks itself; all zero: no timers to give
+static uint8_t* uTimerPool = nullptr;   // its memory, never freed
+static uint32_t uTimerId GUARDED_BY(timersHeld) = 1;
+
+static ulist_t* timerEventList GUARDED_BY(eventsHeld) = nullptr; // in order of creation
+static unode_t** timerEventEnd GUARDED_BY(eventsHeld) = nullptr; // where the next one is linked
+static time_t gTime GUARDED_BY(eventsHeld) = 0;                  // second of the previous check
+
+// ---- Creation ----
+
+static bool service_exists(void)
+{
+    return load_acquire(&timerList) != nullptr;
+}
+
+/** Builds the pool. @return false without memory; the pool is empty then */
+static bool uTimerBmMgrInit(int32_t timerTotal) REQUIRES(creationHeld)
+{
+    const uint32_t blocks =
+        static_cast<uint32_t>(timerTotal > DEFAULT_TIMERS ? timerTotal : DEFAULT_TIMERS);
+    const uint64_t bytes = uint64_t{blocks} * (sizeof(uBmBufHead_t) + sizeof(uTimerNode_t));
+
+    if (bytes > UINT32_MAX) {
+        return false;
+    }
+    uTimerPool = static_cast<uint8_t*>(uMalloc(static_cast<uint32_t>(bytes)));
+    if (uTimerPool == nullptr) {
+        return false;
+    }
+    uBmInitHeap(&bmMgrTimerPoolHdr, blocks, sizeof(uTimerNode_t), uTimerPool);
+    if (bmMgrTimerPoolHdr.freePoolQ.lockSem != nullptr) {
+        return true;
+    }
+    // Blocks come back without timerMutex, so a pool without a lock would not be safe.
+    bmMgrTimerPoolHdr = {};
+    uFree(uTimerPool);
+    uTimerPool = nullptr;
+    return false;
+}
+
+/**
+ * Creates the service unless it exists. What could not be created is left for the next call, except
+ * the pool.
+ *
+ * @return false when the pool could not be built
+ */
+static bool create_service_locked(int32_t timerTotal) REQUIRES(creationHeld)
+{
+    if (timerMutex == nullptr) {
+        timerMutex = semMCreate(0);
+    }
+    ulist_t* list = timerMutex == nullptr ? nullptr : uListInit(FALSE);
+    if (list == nullptr) {
+        return true;
+    }
+    const bool built = uTimerBmMgrInit(timerTotal);
+    store_release(&timerList, list);
+    return built;
+}
+
+/** Makes sure that the service exists. @return true when it did already */
+static bool create_once(int32_t timerTotal)
+{
+    bool existed = false;
+    bool built = true;
+
+    thread_record_t* me = op_enter();
+    LOCK_SECTION(&creation_lock, creationHeld);
+    existed = service_exists();
+    if (!existed) {
+        built = create_service_locked(timerTotal);
+    }
+    END_SECTION(creationHeld);
+    if (!built) {
+        __halden_log_print(NXA_LOG_ERROR, uTimerLogName, "Malloc timer pool failed.");
+    }
+    op_leave(me);
+    return existed;
+}
+
+static bool service_ready(void)
+{
+    return service_exists() || create_once(DEFAULT_TIMERS) || service_exists();
+}
+
+void uTimerInit(int32_t timerTotal)
+{
+    thread_record_t* me = op_enter();
+    if (create_once(timerTotal)) {
+        __halden_log_print(NXA_LOG_INFO, uTimerLogName, "uTimer is already initialized.\n");
+    }
+    op_leave(me);
+}
+
+// ---- The delta list ----
+
+static void timers_lock(void) ACQUIRES(timersHeld) UNCHECKED
+{
+    semTake(timerMutex, WAIT_FOREVER);
+}
+
+static void timers_unlock(void) RELEASES(timersHeld) UNCHECKED
+{
+    semGive(timerMutex);
+}
+
+static uTimerNode_t* timer_of(const unode_t* link)
+{
+    return reinterpret_cast<uTimerNode_t*>(link->element);
+}
+
+static int32_t saturated(int64_t ms)
+{
+    return ms > INT32_MAX ? INT32_MAX : static_cast<int32_t>(ms);
+}
+
+static uTimerNode_t* new_timer_locked(void (*timeout_cb)(void*), void* param, int32_t expires,
+                                      uint32_t timerId) REQUIRES(timersHeld)
+{
+    uTimerNode_t* node =
+        static_cast<uTimerNode_t*>(uBmAlloc(&bmMgrTimerPoolHdr, sizeof(uTimerNode_t)));
+    if (node == nullptr) {
+        return nullptr;
+    }
+    *node = {.expires = expires,
+             .timeout_cb = timeout_cb,
+             .param = param,
+             .timerId = timerId,
+             .link = {.next = nullptr, .element = reinterpret_cast<addr_t>(node)}};
+    return node;
+}
+
+/** Inserts a node whose expires is its full time left; no timer in front of from expires later. */
+static int32_t insert_from_locked(place_t from, uTimerNode_t* node) REQUIRES(timersHeld)
+{
+    unode_t** link = from.link;
+    int64_t before = from.before;
+
+    for (; *link != nullptr; link = &(*link)->next) {
+        uTimerNode_t* behind = timer_of(*link);
+        if (node->expires <= before + behind->expires) {
+            behind->expires -= static_cast<int32_t>(node->expires - before);
+            break;
+        }
+        before += behind->expires;
+    }
+    node->expires = static_cast<int32_t>(node->expires - before);
+    node->link.next = *link;
+    *link = &node->link;
+    return ++timerList->size;
+}
+
+/** The same from the head of the list. @return the new size */
+static int32_t uTimerInsert(uTimerNode_t* node) REQUIRES(timersHeld)
+{
+    return insert_from_locked({.link = &timerList->node, .before = 0}, node);
+}
+
+/** Finds a timer. @return its position, or -1 and a place of no use */
+static int32_t uTimerPositionGet(uint32_t timerId, place_t* place) REQUIRES(timersHeld)
+{
+    int32_t pos = 0;
+
+    *place = {.link = &timerList->node, .before = 0};
+    while (*place->link != nullptr) {
+        const uTimerNode_t* node = timer_of(*place->link);
+        if (node->timerId == timerId) {
+            return pos;
+        }
+        place->before += node->expires;
+        place->link = &(*place->link)->next;
+        pos++;
+    }
+    return -1;
+}
+
+/** Takes the timer at a place out; those behind it keep their time. @return its successor */
+static unode_t* unlink_locked(place_t place) REQUIRES(timersHeld)
+{
+    const uTimerNode_t* node = timer_of(*place.link);
+    unode_t* behind = node->link.next;
+
+    if (behind != nullptr) {
+        uTimerNode_t* next = timer_of(behind);
+        next->expires = saturated(int64_t{next->expires} + node->expires);
+    }
+    *place.link = behind;
+    timerList->size--;
+    return behind;
+}
+
+// ---- Relative timers ----
+
+uint32_t uTimerAdd(void* cb, void* param, int32_t timeout)
+{
+    if (!service_ready() || timeout < 0) {
+        return 0;
+    }
+    thread_record_t* me = op_enter();
+    uint32_t id = 0;
+
+    timers_lock();
+    uTimerNode_t* node =
+        new_timer_locked(reinterpret_cast<void (*)(void*)>(cb), param, timeout, uTimerId);
+    if (node != nullptr) {
+        id = uTimerId++;
+        if (uTimerId == 0) {
+            uTimerId = 1;
+        }
+        (void)uTimerInsert(node); // nothing to allocate, so it cannot fail
+    }
+    const int32_t live = timerList->size;
+    timers_unlock();
+
+    if (node == nullptr) {
+        __halden_log_print(NXA_LOG_ERROR, uTimerLogName, "timer malloc failed! timerListSize=%d\n",
+                           live);
+    }
+    op_leave(me);
+    return id;
+}
+
+/** Modulo 2^32. */
+static int32_t ms_of(int32_t seconds)
+{
+    return static_cast<int32_t>(static_cast<uint32_t>(seconds) * MS_PER_S);
+}
+
+uint32_t uTimerAddSec(void* cb, void* param, int32_t timeout)
+{
+    return uTimerAdd(cb, param, ms_of(timeout));
+}
+
+void uTimerDel(uint32_t timerId)
+{
+    if (timerId == 0 || !service_exists()) {
+        return;
+    }
+    thread_record_t* me = op_enter();
+    place_t place;
+    bool was_last = false;
+
+    timers_lock();
+    const bool known = uTimerPositionGet(timerId, &place) >= 0;
+    if (known) {
+        uTimerNode_t* node = timer_of(*place.link);
+        was_last = unlink_locked(place) == nullptr;
+        uBmFree(node);
+    }
+    timers_unlock();
+
+    if (known && was_last) {
+        __halden_log_print(NXA_LOG_DEBUG, uTimerLogName, "uTimerDel: free timerId=%u;\n", timerId);
+    } else if (known) {
+        __halden_log_print(NXA_LOG_DEBUG, uTimerLogName, "uTimerDel: delete timerId=%u;\n",
+                           timerId);
+    }
+    op_leave(me);
+}
+
+static void refresh_locked(uint32_t timerId, int32_t expires) REQUIRES(timersHeld)
+{
+    place_t place;
+
+    if (uTimerPositionGet(timerId, &place) < 0) {
+        return;
+    }
+    uTimerNode_t* old = timer_of(*place.link);
+    uTimerNode_t* node = new_timer_locked(old->timeout_cb, old->param, expires, timerId);
+    if (node == nullptr) {
+        return;
+    }
+    unlink_locked(place);
+    uBmFree(old);
+    if (expires > place.before) {
+        insert_from_locked(place, node); // no need to walk from the head again
+    } else {
+        uTimerInsert(node);
+    }
+}
+
+void uTimerRefresh(uint32_t timerId, int32_t expires)
+{
+    if (timerId == 0 || expires < 0 || !service_exists()) {
+        return;
+    }
+    thread_record_t* me = op_enter();
+    timers_lock();
+    refresh_locked(timerId, expires);
+    timers_unlock();
+    op_leave(me);
+}
+
+void uTimerRefreshSec(uint32_t timerId, int32_t expires)
+{
+    uTimerRefresh(timerId, ms_of(expires));
+}
+
+int32_t uTimerRemainGet(uint32_t timerId)
+{
+    if (timerId == 0 || !service_exists()) {
+        return 0;
+    }
+    thread_record_t* me = op_enter();
+    int64_t left = 0;
+    place_t place;
+
+    timers_lock();
+    if (uTimerPositionGet(timerId, &place) >= 0) {
+        left = place.before + timer_of(*place.link)->expires;
+    }
+    timers_unlock();
+    op_leave(me);
+    return saturated(left);
+}
+
+// ---- Expiry ----
+
+/** Ages the list. @return the timers that expired, cut off as a chain; null when none did */
+static unode_t* take_due_locked(int32_t time_gap) REQUIRES(timersHeld)
+{
+    unode_t** end = &timerList->node;
+    int64_t left = time_gap;
+    int32_t count = 0;
+
+    for (; *end != nullptr; end = &(*end)->next) {
+        uTimerNode_t* node = timer_of(*end);
+        if (node->expires > left) {
+            node->expires = saturated(node->expires - left);
+            break;
+        }
+        left -= node->expires;
+        count++;
+    }
+    unode_t* rest = *end;
+    *end = nullptr; // ends the chain; with nothing due it empties the list for a moment
+    unode_t* due = timerList->node;
+    timerList->node = rest;
+    timerList->size -= count;
+    return due;
+}
+
+/** Puts timers that expired back to the head of the list, for the next uTimerRun. */
+static void put_back_locked(unode_t* chain) REQUIRES(timersHeld)
+{
+    unode_t** link = &chain;
+    for (; *link != nullptr; link = &(*link)->next) {
+        timer_of(*link)->expires = 0;
+        timerList->size++;
+    }
+    *link = timerList->node;
+    timerList->node = chain;
+}
+
+/** Cleanup handler: the thread ends while it runs callbacks. */
+static void abandon_due(void* arg)
+{
+    ending_enter();
+    due_t* due = static_cast<due_t*>(arg);
+    unode_t* first = due->chain;
+    if (due->called) {
+        due->chain = first->next;
+        uBmFree(timer_of(first));
+    }
+    timers_lock();
+    put_back_locked(due->chain);
+    timers_unlock();
+}
+
+static void run_due(thread_record_t* me, due_t* due)
+{
+    pthread_cleanup_push(abandon_due, due);
+    while (due->chain != nullptr) {
+        uTimerNode_t* node = timer_of(due->chain);
+        if (node->timeout_cb != nullptr) {
+            callout_begin(me);
+            due->called = true;
+            node->timeout_cb(node->param);
+            callout_end(me);
+        }
+        due->chain = node->link.next;
+        due->called = false;
+        uBmFree(node);
+    }
+    pthread_cleanup_pop(0);
+}
+
+void uTimerRun(int32_t time_gap)
+{
+    if (!service_ready()) {
+        return;
+    }
+    thread_record_t* me = op_enter();
+    timers_lock();
+    due_t due = {.chain = take_due_locked(time_gap), .called = false};
+    timers_unlock();
+    if (due.chain != nullptr) {
+        run_due(me, &due);
+    }
+    op_leave(me);
+}
+
+// ---- Absolute-time timers ----
+
+/** Seconds from one instant to another, modulo 2^32. */
+static int32_t seconds_between(time_t from, time_t to)
+{
+    return static_cast<int32_t>(static_cast<uint64_t>(to) - static_cast<uint64_t>(from));
+}
+
+static uTimerEventInfo_t* record_of(const unode_t* link)
+{
+    return reinterpret_cast<uTimerEventInfo_t*>(link->element);
+}
+
+/** Puts a chain of records in front of the list. */
+static void put_records_locked(unode_t* chain) REQUIRES(eventsHeld)
+{
+    if (chain == nullptr) {
+        return;
+    }
+    unode_t** link = &chain;
+    for (; *link != nullptr; link = &(*link)->next) {
+        timerEventList->size++;
+    }
+    if (timerEventList->node == nullptr) {
+        timerEventEnd = link;
+    }
+    *link = timerEventList->node;
+    timerEventList->node = chain;
+}
+
+static bool event_list_ready(void)
+{
+    bool ready = false;
+
+    LOCK_SECTION(&event_lock, eventsHeld);
+    if (timerEventList == nullptr) {
+        timerEventList = uListInit(FALSE);
+        timerEventEnd = timerEventList == nullptr ? nullptr : &timerEventList->node;
+    }
+    ready = timerEventList != nullptr;
+    END_SECTION(eventsHeld);
+    return ready;
+}
+
+/** Arms the timer of a record and links the record, whether or not a timer could be armed. */
+static uint32_t arm_record(uTimerEventInfo_t* record, void* cb, void* param, time_t rawtime)
+{
+    const uint32_t id = uTimerAddSec(cb, param, seconds_between(rawtime, record->timeSec));
+
+    record->timerId = id;
+    record->link = {.next = nullptr, .element = reinterpret_cast<addr_t>(record)};
+    LOCK_SECTION(&event_lock, eventsHeld);
+    *timerEventEnd = &record->link;
+    timerEventEnd = &record->link.next;
+    timerEventList->size++;
+    END_SECTION(eventsHeld);
+    return id;
+}
+
+uint32_t uTimerEventAdd(void* cb, void* param, time_t timeSec)
+{
+    thread_record_t* me = op_enter();
+    const time_t rawtime = time(nullptr);
+    uint32_t id = 0;
+
+    if (event_list_ready()) {
+        uTimerEventInfo_t* record =
+            static_cast<uTimerEventInfo_t*>(uMalloc(sizeof(uTimerEventInfo_t)));
+        if (record == nullptr) {
+            __halden_log_print(NXA_LOG_WARN, uTimerLogName, "%s: malloc error \n",
+                               "uTimerEventAdd");
+        } else {
+            record->timeSec = timeSec;
+            id = arm_record(record, cb, param, rawtime);
+        }
+    }
+    op_leave(me);
+    return id;
+}
+
+/** Whether the wall clock went differently from the pump since the previous check. */
+static bool has_deviated(time_t then, time_t now, uint32_t elapses)
+{
+    const uint64_t counted = static_cast<uint64_t>(then) * MS_PER_S + elapses;
+    const uint64_t difference = static_cast<uint64_t>(now) * MS_PER_S - counted;
+    const int32_t signed_ms = static_cast<int32_t>(difference);
+    const uint32_t deviation =
+        signed_ms < 0 ? 0U - static_cast<uint32_t>(signed_ms) : static_cast<uint32_t>(signed_ms);
+    return deviation >= elapses / TOLERANCE_SHARE;
+}
+
+/** Arms the timers of a chain of records anew; frees the records that are done. @return the rest */
+static unode_t* resynchronise(unode_t* chain, time_t now)
+{
+    unode_t** link = &chain;
+
+    while (*link != nullptr) {
+        uTimerEventInfo_t* record = record_of(*link);
+        if (uTimerRemainGet(record->timerId) / static_cast<int32_t>(MS_PER_S) == 0) {
+            *link = record->link.next;
+            uFree(record);
+            continue;
+        }
+        const int32_t left = seconds_between(now, record->timeSec);
+        uTimerRefreshSec(record->timerId, left > 0 ? left : 0);
+        link = &record->link.next;
+    }
+    return chain;
+}
+
+void checktimeoutCb(uint32_t elapses)
+{
+    thread_record_t* me = op_enter();
+    const time_t now = time(nullptr);
+    unode_t* chain = nullptr;
+
+    LOCK_SECTION(&event_lock, eventsHeld);
+    if (timerEventList != nullptr && has_deviated(gTime, now, elapses)) {
+        chain = timerEventList->node;
+        timerEventList->node = nullptr;
+        timerEventList->size = 0;
+        timerEventEnd = &timerEventList->node;
+    }
+    gTime = now;
+    END_SECTION(eventsHeld);
+
+    if (chain != nullptr) {
+        chain = resynchronise(chain, now);
+        LOCK_SECTION(&event_lock, eventsHeld);
+        put_records_locked(chain);
+        END_SECTION(eventsHeld);
+    }
+    op_leave(me);
+}
+
+// ---- The wall clock ----
+
+/** Milliseconds, truncated, from one number of microseconds to one that is not smaller. */
+static uint64_t ms_between_us(suseconds_t from, suseconds_t to)
+{
+    return (static_cast<uint64_t>(to) - static_cast<uint64_t>(from)) / 1000;
+}
+
+uint32_t uTimerAdjust(struct timeval t1, struct timeval t2)
+{
+    const uint64_t span = osaLongTimeSpanCompute(static_cast<unsigned long>(t1.tv_sec),
+                                                 static_cast<unsigned long>(t2.tv_sec));
+    if (span > STEP_S) {
+        osaUpdateSysTimeBase(t1, PUMP_CYCLE_MS);
+        const auto posted = reinterpret_cast<void (*)(void)>(uTimerCheckSysTimeUpdated);
+        uAsyncCall(reinterpret_cast<FUNCPTR>(posted), reinterpret_cast<void*>(PUMP_CYCLE_MS));
+        return PUMP_CYCLE_MS;
+    }
+    if (t2.tv_usec >= t1.tv_usec) {
+        return static_cast<uint32_t>(span * MS_PER_S + ms_between_us(t1.tv_usec, t2.tv_usec));
+    }
+    if (span == 0) {
+        return 0; // a step back by less than a second
+    }
+    return static_cast<uint32_t>(span * MS_PER_S - ms_between_us(t2.tv_usec, t1.tv_usec));
+}
+
+void uTimerCheckSysTimeUpdated([[maybe_unused]] void* param)
+{
+    // The number itself, not its address.
+    uEventRaise(const_cast<char*>("SYSTEM_TIME_UPDATED"), reinterpret_cast<int32_t*>(PUMP_CYCLE_MS),
+                sizeof(int32_t));
+}
