@@ -282,16 +282,6 @@ TEST_F(WatchdogTest, EveryOneFiresAtItsTickInOrder)
     }
 }
 
-TEST_F(WatchdogTest, ARoutineDeletesItsOwnWatchdog)
-{
-    WDOG_ID id = wdCreate();
-    wdStart(id, 1, routine_of([](void* own) { return wdDelete(static_cast<WDOG_ID>(own)); }), id);
-    start(make(), 1, "first");
-    start(make(), 2, "last");
-    ticks(2);
-    EXPECT_EQ(fired, "firstlast");
-}
-
 TEST_F(WatchdogTest, ATickThatEndsWithItsThreadLeavesTheRestToTheNext)
 {
     start(make(), 1, "rest");

@@ -2,15 +2,20 @@
 
 #include "nxaLog.h"
 
+#include <atomic>
 #include <cstdarg>
 #include <cstdio>
 #include <mutex>
 
 static std::mutex lines_lock;
 static std::vector<log_line> lines;
+static std::atomic<bool> ignored{false};
 
 int __halden_log_print(int priority, const char* tag, const char* format, ...)
 {
+    if (ignored) {
+        return 0;
+    }
     char text[1024];
     va_list args;
     va_start(args, format);
@@ -41,4 +46,9 @@ void log_clear()
 {
     std::lock_guard<std::mutex> guard(lines_lock);
     lines.clear();
+}
+
+void log_ignore()
+{
+    ignored = true;
 }

@@ -18,3 +18,6 @@ std::vector<log_line> log_lines();
 std::string log_texts();
 
 void log_clear();
+
+/** Stops recording, for tests that log without end. */
+void log_ignore();

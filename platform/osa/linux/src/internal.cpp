@@ -19,7 +19,7 @@
 static constexpr long NS_PER_S = 1'000'000'000;
 static constexpr long NS_PER_MS = 1'000'000;
 static constexpr long NS_PER_US = 1'000;
-static constexpr long LOCK_SLICE_MS = 40; // a deleted task lets a mutex wait go within this time
+static constexpr long LOCK_SLICE_MS = 5; // a deleted task lets a mutex wait go within this time
 
 constinit thread_local thread_record_t* self_record = nullptr;
 
