@@ -15,6 +15,19 @@ static char* owner_of(void* data)
     return static_cast<char*>(data) - sizeof(uBmBufHead_t) + offsetof(uBmBufHead_t, heapHeader);
 }
 
+/** Makes blocks of a region and puts them into the free queue. */
+static void queue_blocks(uBmHostHeap_t* pool, char* block)
+{
+    constexpr uint32_t header = sizeof(uBmBufHead_t);
+    const uint32_t stride = header + pool->sizeData;
+    const void* owner = pool;
+
+    for (uint32_t left = pool->numBuf; left > 0; left--, block += stride) {
+        memcpy(owner_of(block + header), &owner, sizeof owner);
+        uQmEnq(&pool->freePoolQ, block + header);
+    }
+}
+
 void uBmInitHeap(uBmHostHeap_t* heapHeader, uint32_t numBuf, uint32_t sizeBuf, void* basePtr)
 {
     if (heapHeader == nullptr) {
@@ -26,13 +39,8 @@ void uBmInitHeap(uBmHostHeap_t* heapHeader, uint32_t numBuf, uint32_t sizeBuf, v
     heapHeader->numFreeBuf = numBuf;
     heapHeader->lowWaterMark = numBuf;
     uQmInit(&heapHeader->freePoolQ);
-
-    constexpr uint32_t header = sizeof(uBmBufHead_t);
-    const uint32_t stride = header + sizeBuf;
-    char* data = static_cast<char*>(basePtr) + header;
-    for (uint32_t left = basePtr == nullptr ? 0 : numBuf; left > 0; left--, data += stride) {
-        memcpy(owner_of(data), &heapHeader, sizeof heapHeader);
-        uQmEnq(&heapHeader->freePoolQ, data);
+    if (basePtr != nullptr) {
+        queue_blocks(heapHeader, static_cast<char*>(basePtr));
     }
     op_leave(me);
 }
@@ -47,7 +55,7 @@ void uBmFree(void* bufPtr)
     if (bufPtr == nullptr) {
         return;
     }
-    uBmHostHeap_t* owner = nullptr;
+    void* owner = nullptr;
     memcpy(&owner, owner_of(bufPtr), sizeof owner);
-    uQmEnq(&owner->freePoolQ, bufPtr);
+    uQmEnq(&static_cast<uBmHostHeap_t*>(owner)->freePoolQ, bufPtr);
 }

@@ -9,10 +9,12 @@ void* uMalloc(uint32_t num_bytes)
 {
     thread_record_t* me = op_enter();
     void* block = malloc(num_bytes);
-    // The compiler would make a calloc of malloc and memset, which is slower here by a factor.
-    __asm__("" : "+r"(block));
     if (block != nullptr) {
-        memset(block, 0, num_bytes);
+        // As another number of bytes: of malloc and memset of the same number the compiler makes a
+        // calloc, which is several times slower here.
+        size_t filled = num_bytes;
+        __asm__("" : "+r"(filled));
+        memset(block, 0, filled);
     }
     op_leave(me);
     return block;
