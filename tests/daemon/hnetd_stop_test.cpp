@@ -1,0 +1,129 @@
+// The daemon stopped in full flight: its process ends with exit_value, whatever its tasks do.
+#include "hnetd.h"
+
+#include "osaMsg.h"
+#include "osaSem.h"
+#include "osaTask.h"
+#include "osaWd.h"
+#include "uEvent.h"
+#include "uTimer.h"
+#include "ulist.h"
+
+#include <gtest/gtest.h>
+
+#include <sys/wait.h>
+#include <unistd.h>
+#include <vector>
+
+#if defined(__SANITIZE_THREAD__)
+static constexpr int DAEMONS = 60;
+#else
+static constexpr int DAEMONS = 200;
+#endif
+static constexpr int AT_A_TIME = 8;
+static constexpr int TASKS = 8;
+static constexpr int EXIT_VALUE = 42;
+
+// The recording double keeps its lines in an object that exit destroys.
+extern "C" int __wrap___halden_log_print(int, const char*, const char*, ...)
+{
+    return 0;
+}
+
+static MSG_Q_ID queue;
+static SEM_ID sem;
+
+static int32_t on_event(char*, void*, int32_t*, size_t)
+{
+    return 0;
+}
+
+static int routine(addr_t)
+{
+    return OK;
+}
+
+static int posted(void*)
+{
+    return OK;
+}
+
+// Uses something of every module, each round something else than the neighbours do.
+static int busy(int number)
+{
+    static char event[] = "BUSY";
+    char message[16] = "";
+    WDOG_ID watchdog = wdCreate();
+
+    for (;; number++) {
+        switch (number % 6) {
+        case 0:
+            msgQSend(queue, message, sizeof message, 1, MSG_PRI_NORMAL);
+            break;
+        case 1:
+            msgQReceive(queue, message, sizeof message, 1);
+            break;
+        case 2:
+            semTake(sem, WAIT_FOREVER);
+            semGive(sem);
+            break;
+        case 3:
+            uTimerDel(uTimerAdd(nullptr, nullptr, 10));
+            uAsyncCall(reinterpret_cast<FUNCPTR>(posted), nullptr);
+            break;
+        case 4:
+            uEventCare(event, on_event, nullptr);
+            uEventRaise(event, nullptr, 0);
+            break;
+        default:
+            wdStart(watchdog, 1, reinterpret_cast<FUNCPTR>(routine), nullptr);
+            break;
+        }
+    }
+}
+
+[[noreturn]] static void run_daemon(int round)
+{
+    static char name[] = "tBusy";
+
+    queue = msgQCreate(4, 16, 0);
+    sem = semMCreate(0);
+    exit_value = EXIT_VALUE;
+    if (hnetdStart() != 0) {
+        _exit(1);
+    }
+    for (int i = 0; i < TASKS; i++) {
+        taskSpawn(name, 0, 0, 0, reinterpret_cast<FUNCPTR>(busy), i, 0, 0, 0, 0, 0, 0, 0, 0, 0);
+    }
+    usleep(static_cast<useconds_t>(round % 50) * 100);
+    hnetdStop();
+    for (;;) {
+        pause();
+    }
+}
+
+static int collect_one()
+{
+    int status = 0;
+    EXPECT_GT(wait(&status), 0);
+    return status;
+}
+
+TEST(HnetdStopTest, EndsTheProcessUnderBusyTasks)
+{
+    std::vector<int> bad;
+
+    for (int round = 0; round < DAEMONS + AT_A_TIME; round++) {
+        if (round >= AT_A_TIME) {
+            const int status = collect_one();
+            if (!WIFEXITED(status) || WEXITSTATUS(status) != EXIT_VALUE) {
+                bad.push_back(status);
+            }
+        }
+        if (round < DAEMONS && fork() == 0) {
+            alarm(60);
+            run_daemon(round);
+        }
+    }
+    EXPECT_EQ(bad, std::vector<int>()) << "wait statuses";
+}

@@ -1,0 +1,265 @@
+// The service thread's parts, each on its own: what they call is replaced and recorded.
+#include "hnetd.h"
+
+#include "hostLib.h"
+#include "internal.h"
+#include "lstLib.h"
+#include "osaMsg.h"
+#include "osaTask.h"
+#include "osaWd.h"
+#include "uTimer.h"
+
+#include "fail.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <deque>
+#include <iterator>
+#include <string>
+#include <sys/prctl.h>
+#include <vector>
+
+static std::string calls;           // what was called, each closed with '|'
+static std::deque<uint32_t> cycles; // what the next cycles measure; 50 ms after that
+struct check {
+    int cycle;
+    uint32_t elapses;
+    bool operator==(const check&) const = default;
+};
+static std::vector<check> checks; // calls of checktimeoutCb
+static int cycles_run = 0;
+static int stop_after = 0;       // the cycle whose timers clear the running flag
+static time_t clock_reading = 0; // seconds that gettimeofday gave last
+
+static int pump_errno = 0; // found by the pump
+
+static void note(const std::string& call)
+{
+    calls += call + "|";
+}
+
+static std::string thread_name()
+{
+    char name[16] = "";
+    prctl(PR_GET_NAME, name, 0, 0, 0);
+    return name;
+}
+
+// The contexts, which the product never frees: it makes one, but each test another.
+extern "C" void* __real_uMalloc(uint32_t num_bytes);
+static void* contexts[16] = {};
+static size_t context_count = 0;
+static bool no_memory = false;
+
+extern "C" void* __wrap_uMalloc(uint32_t num_bytes)
+{
+    void*& context = contexts[context_count++ % std::size(contexts)];
+    context = no_memory ? nullptr : __real_uMalloc(num_bytes);
+    return context;
+}
+
+extern "C" int __wrap_gettimeofday(struct timeval* tv, void*)
+{
+    *tv = {++clock_reading, 0};
+    return 0;
+}
+
+extern "C" int __wrap_usleep(useconds_t us)
+{
+    pump_errno = errno;
+    note("sleep " + std::to_string(us) + " after reading " + std::to_string(clock_reading));
+    return 0;
+}
+
+extern "C" uint32_t __wrap_uTimerAdjust(struct timeval t1, struct timeval t2)
+{
+    note("adjust " + std::to_string(t1.tv_sec) + " " + std::to_string(t2.tv_sec));
+    if (cycles.empty()) {
+        return 50;
+    }
+    const uint32_t elapsed = cycles.front();
+    cycles.pop_front();
+    return elapsed;
+}
+
+extern "C" void __wrap_uTimerRun(int32_t gap)
+{
+    note("run " + std::to_string(gap));
+    if (++cycles_run == stop_after) {
+        hnetdStop();
+    }
+}
+
+extern "C" void __wrap_checktimeoutCb(uint32_t elapses)
+{
+    note("check " + std::to_string(elapses));
+    checks.push_back({cycles_run, elapses});
+}
+
+extern "C" taskId_t __wrap_taskSpawn(char* name, int pri, int opts, int stksize, FUNCPTR entry,
+                                     int a1, int a2, int a3, int a4, int a5, int a6, int a7, int a8,
+                                     int a9, int a10)
+{
+    const bool zeroes =
+        (pri | opts | stksize | a1 | a2 | a3 | a4 | a5 | a6 | a7 | a8 | a9 | a10) == 0;
+    std::string what = "another entry";
+    if (entry == reinterpret_cast<FUNCPTR>(root_task)) {
+        what = "root_task";
+    } else if (entry == reinterpret_cast<FUNCPTR>(exception_task)) {
+        what = "exception_task";
+    }
+    note(thread_name() + " spawns " + name + " " + what + (zeroes ? "" : " with arguments"));
+    errno = EAGAIN;
+    return static_cast<taskId_t>(ERROR);
+}
+
+// The root task idles for ever; the test lets it wake twice.
+extern "C" status_t __wrap_taskDelay(int interval)
+{
+    static int naps = 0;
+    note("delay " + std::to_string(interval));
+    if (++naps == 2) {
+        pthread_exit(nullptr);
+    }
+    return OK;
+}
+
+extern "C" STATUS __wrap_logInit(int fd, int maxMsgs)
+{
+    note("logInit " + std::to_string(fd) + " " + std::to_string(maxMsgs));
+    return ERROR;
+}
+
+extern "C" void __wrap_tickInit(void)
+{
+    note("tickInit");
+}
+extern "C" void __wrap_lstLibInit(void)
+{
+    note("lstLibInit");
+}
+extern "C" void __wrap_hostTblInit(void)
+{
+    note("hostTblInit");
+}
+extern "C" void __wrap_ifLibInit(void)
+{
+    note("ifLibInit");
+}
+
+extern "C" status_t __wrap_resolvInit(void)
+{
+    note("resolvInit");
+    return ERROR;
+}
+
+extern "C" int __wrap_hnetInit(void)
+{
+    note(thread_name() + " hnetInit");
+    return ERROR;
+}
+
+class HnetdTest : public testing::Test {
+  protected:
+    // A context without its thread: the test is the service thread.
+    void SetUp() override
+    {
+        fail_thread(1);
+        ASSERT_EQ(hnetdStart(), -1);
+        ASSERT_TRUE(failed());
+        fail_nothing();
+        calls.clear();
+        cycles.clear();
+        checks.clear();
+        cycles_run = 0;
+        clock_reading = 0;
+    }
+
+    static void pump(int number_of_cycles)
+    {
+        stop_after = number_of_cycles;
+        user_syskill();
+    }
+};
+
+// First of all, while there is no context.
+TEST(HnetdStartTest, WithoutMemoryNoThreadIsStartedAndStoppingIsHarmless)
+{
+    hnetdStop();
+    no_memory = true;
+    fail_thread(1);
+    EXPECT_EQ(hnetdStart(), -1);
+    no_memory = false;
+    pthread_t thread;
+    const auto nothing = [](void*) -> void* { return nullptr; };
+    EXPECT_EQ(pthread_create(&thread, nullptr, nothing, nullptr), EAGAIN) << "a thread was created";
+    fail_nothing();
+    hnetdStop();
+}
+
+TEST_F(HnetdTest, ACycleSpansTheSleepAndThenAgesTheTimersByIt)
+{
+    cycles = {61, 0};
+    pump(2);
+    EXPECT_EQ(calls, "sleep 50000 after reading 1|adjust 1 2|run 61|"
+                     "sleep 50000 after reading 3|adjust 3 4|run 0|");
+}
+
+TEST_F(HnetdTest, AbsoluteTimersAreLookedAtEveryThirtySecondsOfPumpTime)
+{
+    pump(1200);
+    EXPECT_EQ(checks, (std::vector<check>{{600, 30'000}, {1200, 30'000}}));
+
+    // What goes beyond 30 s is handed over whole and does not count again.
+    SetUp();
+    cycles = {10'999, 10'999, 7'999, 10'999, 10'999, 10'999, 8'001, 1};
+    pump(9);
+    EXPECT_EQ(checks, (std::vector<check>{{4, 40'996}, {8, 30'000}}));
+}
+
+TEST_F(HnetdTest, StoppingEndsThePumpAfterTheCycleInProgress)
+{
+    hnetdStop();
+    pump(0);
+    EXPECT_EQ(cycles_run, 1) << "at least one cycle";
+
+    SetUp();
+    cycles = {30'000};
+    pump(1);
+    EXPECT_EQ(cycles_run, 1);
+    EXPECT_EQ(checks.size(), 1U) << "the cycle was cut short";
+}
+
+TEST_F(HnetdTest, TheFrameSpawnsTheRootTaskPumpsAndEndsTheProcess)
+{
+    static char* arguments[] = {nullptr};
+
+    EXPECT_EQ(_argv, nullptr);
+    EXPECT_EQ(exit_value, 0);
+    const auto frame = [] {
+        exit_value = 7;
+        hnetdStop();
+        atexit([] {
+            fprintf(stderr, "%s%s errno %d%s", calls.c_str(), thread_name().c_str(), pump_errno,
+                    _argv == arguments ? " kept the arguments" : "");
+        });
+        main_v2lin(0, arguments);
+    };
+    EXPECT_EXIT(frame(), testing::ExitedWithCode(7),
+                "^callManager spawns tUsrRoot root_task\\|sleep 50000 after reading 1\\|"
+                "adjust 1 2\\|run 50\\|callManager errno 0 kept the arguments$");
+}
+
+TEST_F(HnetdTest, TheRootTaskInitialisesInOrderWhateverFailsAndIdles)
+{
+    pthread_t thread;
+    const auto root = [](void*) -> void* { root_task(0, 0, 0, 0, 0, 0, 0, 0, 0, 0); };
+
+    ASSERT_EQ(pthread_create(&thread, nullptr, root, nullptr), 0);
+    pthread_join(thread, nullptr);
+    EXPECT_EQ(calls, "tUsrRoot spawns tExcTask exception_task|logInit 1 100|tickInit|lstLibInit|"
+                     "hostTblInit|ifLibInit|resolvInit|tUsrRoot hnetInit|delay 500|delay 500|");
+}
