@@ -1,0 +1,84 @@
+"""What the rows are called, and what is asked of them.
+
+A goal is the most that hnetd's median may be of another's: {"floor": 1.1}. A name with a slash is
+that of another row, or of a size of the same one: {"/30": 1.1}.
+"""
+
+from dataclasses import dataclass, field
+
+
+@dataclass
+class Row:
+    key: str
+    title: str
+    goals: dict = field(default_factory=dict)
+    sizes: str = ""  # what the sizes of the row count
+    only: tuple = ()  # sizes that the goals hold for; none: all
+
+
+SECTIONS = {
+    "Semaphores": [
+        Row("sem.binary", "binary: take and give, nobody waits", {"floor": 1.1}),
+        Row("sem.counting", "counting: take and give, nobody waits", {"floor": 1.1}),
+        Row("sem.mutex", "mutex: take and give", {"floor": 1.1}),
+        Row("sem.timed", "take with a time-out what is there, and give", {"floor": 1.1}),
+        Row("sem.empty", "take what is not there, without waiting", {"floor": 1.1}),
+        Row("sem.handover", "to another thread and back, one CPU", {"sem_t": 1.3}),
+    ],
+    "Message queues": [
+        Row("queue.16", "send and receive 16 bytes, one thread",
+            {"floor": 1.1, "pipe": 0.2, "POSIX mq": 0.2}),
+        Row("queue.1024", "send and receive 1024 bytes, one thread",
+            {"floor": 1.1, "pipe": 0.2, "POSIX mq": 0.2, "queue.16/hnetd": 1.3}),
+        Row("queue.handover", "16 bytes to another thread and back, one CPU", {"pipe": 1.1}),
+    ],
+    "Software timers": [
+        Row("timer.arm", "add one and delete it", {"floor": 1.0}, "alive", (300,)),
+        Row("timer.move", "refresh one", {"floor": 1.0}, "alive"),
+        Row("timer.ask", "ask for the time left", {"floor": 1.0}, "alive"),
+        Row("timer.pass", "a pass with nothing due", {"std::multimap": 1.1, "/30": 1.1}, "alive"),
+        Row("timer.fire", "one firing, of a hundred due", {"libevent": 0.5, "/30": 1.2}, "alive"),
+    ],
+    "Watchdogs": [
+        Row("watchdog.arm", "start one and cancel it", {"floor": 1.0}, "alive"),
+        Row("watchdog.move", "restart one", {"floor": 1.0}, "alive"),
+        Row("watchdog.pass", "a tick with nothing due", {"std::multimap": 1.1, "/30": 1.1},
+            "alive"),
+        Row("watchdog.fire", "one firing, of a hundred due", {"libevent": 0.5, "/30": 1.2},
+            "alive"),
+    ],
+    "Memory": [
+        Row("pool.block", "a block of the pool: take and put back", {"floor": 1.1}),
+        Row("pool.zeroed", "zeroed memory: get and free", {"floor": 1.1}, "bytes"),
+    ],
+    "Events": [
+        Row("event.raise", "raise one by its name",
+            {"Boost.Signals2": 1 / 1.5, "GLib": 1 / 1.5, "sigc++": 1.5}, "handlers", (1, 3, 10)),
+    ],
+    "Calls on other threads": [
+        Row("async.one", "asynchronous call: post, run, answer, one CPU", {"Boost.Asio": 1.1}),
+        Row("async.batch", "sixteen posted at once, each"),
+        Row("thrpool.one", "thread pool: post, run, answer, one CPU"),
+        Row("thrpool.jobs", "a thousand jobs, 4 workers, all CPUs, each", {"Boost.Asio": 1.0}),
+        Row("task.spawn", "task: from spawn to end, one CPU", {"pthread_create": 1.25}),
+    ],
+    "Addresses": [
+        Row("net.checksum", "checksum (floor: reading 64-bit words)", {"floor": 3.5}, "bytes"),
+        Row("net.to-text", "IPv4 address to text", {"inet_ntop": 1 / 3}),
+        Row("net.from-text4", "text to IPv4 address", {"inet_pton": 3.0}),
+        Row("net.from-text6", "text to IPv6 address", {"inet_pton": 3.0}),
+    ],
+    "Resolver, real server on loopback": [
+        Row("dns.address", "A and AAAA of a name",
+            {"res_nsearch": 1.15, "getaddrinfo": 1 / 1.3}),
+        Row("dns.srv", "SRV with its targets' addresses", {"res_nsearch": 1.15}),
+        Row("dns.naptr", "NAPTR, its SRV, their addresses", {"res_nsearch": 1.15}),
+    ],
+}
+
+RSS_KIB = 3 * 1024
+CPU_RATIO = 1.2
+START_MS = 5.0
+LATE_MS = 25.0 + 2.0  # half a pump cycle and 2 ms
+LEFT_KIB = 100  # after 10,000 deletions; a thread's stack and arena come and go in such steps
+ALLOCATIONS = {"raise-to-17": 1, "raise-to-40": 1}  # of one operation; every other: 0
