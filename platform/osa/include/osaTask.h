@@ -26,6 +26,7 @@
 
 #include <pthread.h>
 #include <stddef.h>
+#include <sys/time.h>
 
 #ifdef __cplusplus
 extern "C" {
@@ -199,6 +200,96 @@ extern char** _argv;
  */
 [[noreturn]] int root_task(int dummy0, int dummy1, int dummy2, int dummy3, int dummy4, int dummy5,
                            int dummy6, int dummy7, int dummy8, int dummy9);
+
+// ---- Clock, ticks and system time ----
+//
+// Uptime and tick count come from the monotonic clock, whose origin is the boot. Only while that
+// clock fails do they follow the wall clock from the instant of tickInit on, 0 for a moment before
+// it. Any thread may call any of these; none waits, but for osaUpdateTimeZone.
+//
+// The program's sysinfo takes the place of libc's for the whole process: it writes nothing and
+// returns -1.
+
+/** Milliseconds per tick, 1000 / rate rounded down; every time-out is converted with it. */
+extern int msPerTick;
+
+/** Ticks in 30 days, at most INT_MAX. Both change with sysClkRateSet only; read atomically. */
+extern int tickPerMonth;
+
+/**
+ * The way from val1 up to val2 on a counter that wraps. Equal values are 0 apart; a val2 that lies
+ * d below gives 2^64 - d, or 2^32 - d, by which a step back is known.
+ */
+unsigned long osaLongTimeSpanCompute(unsigned long val1, unsigned long val2);
+unsigned int osaIntTimeSpanCompute(unsigned int val1, unsigned int val2);
+
+/** The clock rate in ticks per second, 100 at start. */
+int sysClkRateGet(void);
+
+/**
+ * Sets the clock rate. Ticks already counted are not rescaled: tickGet jumps to what it would have
+ * counted at the new rate, and waits under way keep their deadlines.
+ *
+ * @param ticks  per second, 1 to 1000; anything else changes nothing
+ */
+void sysClkRateSet(int ticks);
+
+/** Records the wall clock as the start of the fallback uptime; the root task calls it once. */
+void tickInit(void);
+
+/**
+ * Measures the start offset again and adopts it when the wall clock went back, or forward by more
+ * than tickPerMonth times 10 ms; says so on standard output: "tickReInit, adjust offset."
+ */
+void tickReInit(void);
+
+/** Ticks of uptime. */
+ULONG tickGet(void);
+
+/** Uptime in milliseconds. */
+unsigned long osaGetSysUpMs(void);
+
+/** Uptime in seconds; by the fallback up to 1 s ahead of osaGetSysUpMs() / 1000. */
+unsigned long osaGetSysUpSeconds(void);
+
+/**
+ * Takes a step of the wall clock out of the fallback uptime: it goes on now from what it was at
+ * oldTime, plus 50 ms. Does nothing while the monotonic clock works, and when oldTime lies before
+ * the start in the same second.
+ *
+ * @param oldTime    wall-clock reading from before the step
+ * @param elapsedMs  not used; the way from oldTime to the call counts as 50 ms
+ */
+void osaUpdateSysTimeBase(struct timeval oldTime, uint32_t elapsedMs);
+
+/**
+ * Sets the system's clock to a local date and time. Values out of range carry over as in mktime,
+ * and the zone decides whether daylight saving applies.
+ *
+ * @param tm_year    with the century, 2024
+ * @param tm_mon     0 to 11
+ * @param tm_mday    1 to 31
+ * @param secOffset  seconds to add
+ * @return OK, also where there is no such instant or no right to set the clock, which then stays
+ */
+status_t osaSetTime(int tm_year, int tm_mon, int tm_mday, int tm_hour, int tm_min, int tm_sec,
+                    int secOffset);
+
+/** The same as osaSetTime. */
+status_t osaSetTimer(int tm_year, int tm_mon, int tm_mday, int tm_hour, int tm_min, int tm_sec,
+                     int secOffset);
+
+/**
+ * Sets the time zone: TZ of this process, and through the shell the file /etc/TZ for the others.
+ *
+ * @param tzString  as in TZ, up to 92 characters: letters, digits and + - : , . / _ < >
+ * @return OK, whatever the shell made of it; ERROR with nothing changed for a null or empty text,
+ *         a longer one, or one with any other character
+ *
+ * Waits for the shell. Threads that read the environment or use local time by themselves meanwhile
+ * are not protected against the change.
+ */
+status_t osaUpdateTimeZone(char* tzString);
 
 #ifdef __cplusplus
 }

@@ -241,6 +241,9 @@ void recursive_mutex_init(pthread_mutex_t* mutex, pthread_mutexattr_t* attr);
 [[nodiscard]] bool task_lock_take(thread_record_t* me);
 void task_lock_give(void);
 
+/** Local calendar time, serialised with our own changes of the zone; inside an operation only. */
+void zone_local_time(time_t when, struct tm* local);
+
 /**
  * Starts a thread, and a record to go with it, for a block; the block's earlier record is dropped.
  * The thread takes what it needs from the block as soon as task_list_lock is let go.
