@@ -112,7 +112,8 @@ TEST_F(ResolverTest, AddressesComeInTheOrderOfTheQueriesAndTheAnswers)
 TEST_F(ResolverTest, AliasesAreSteppedOverAndOtherSectionsTaken)
 {
     dns_packet alias;
-    alias.compress().question("www.x", DNS_A).cname("www.x", "a.x").cname("a.x", "b.y");
+    alias.compress().question("www.x", DNS_A).cname("www.x", "longer-than-an-address.x");
+    alias.cname("longer-than-an-address.x", "b.y");
     alias.a("b.y", "10.0.0.1").record("b.y", DNS_TXT, string(200, 't'));
     alias.section(DNS_AUTHORITY).a("ns.y", "10.0.0.2");
     alias.section(DNS_ADDITIONAL).aaaa("ns.y", "::2");
@@ -211,6 +212,7 @@ TEST_F(ResolverTest, TheServiceNameTellsTheTransport)
         {"_sip._udp.x", "udp 10.0.0.1:9 60|udp fd00::1:9 60|"},
         {"_sip._tcp.x", "tcp 10.0.0.1:9 60|tcp fd00::1:9 60|"},
         {"_udp._tcp.x", "tcp 10.0.0.1:9 60|tcp fd00::1:9 60|"},
+        {"_sip._tcp", "10.0.0.1:9 60|fd00::1:9 60|"},
         {"_udp.x_tcp.", "tcp 10.0.0.1:9 60|tcp fd00::1:9 60|"},
         {"_sip._UDP.x", "10.0.0.1:9 60|fd00::1:9 60|"},
         {"_sip._udp", "10.0.0.1:9 60|fd00::1:9 60|"},
@@ -346,6 +348,11 @@ TEST_F(ResolverTest, WhatCannotBeSteppedOverEndsTheWalk)
     // A pointer ahead is the platform's to judge; the walk goes on behind it, or ends.
     const string ahead = parsed(first().record_owned("\xc0\x2f", DNS_A, addr));
     EXPECT_TRUE(ahead == good || ahead == good + "10.0.0.2 60|") << ahead;
+    // Read from one byte back, what follows would make an address.
+    const string one_back("\x01\0\x80\0\0\0\x05\0\x04\x0a\0\0\x09", 13);
+    dns_packet zero;
+    zero.a("host.x", "10.0.0.0").raw(one_back).count(DNS_ANSWER, 2);
+    EXPECT_EQ(parsed(zero), "10.0.0.0 60|");
     // A question whose name cannot be skipped.
     EXPECT_EQ(parsed(dns_packet().raw("\x40").count(DNS_QUESTION, 1).a("host.x", "10.0.0.1")), "");
 
@@ -396,6 +403,11 @@ TEST_F(ResolverTest, ServiceDataIsBoundedByItsLength)
                                                 : "A ok.x|A long.x|A last.x|"
                                                   "AAAA ok.x|AAAA long.x|AAAA last.x|";
         EXPECT_EQ(followed(QUERY_SRV, DNS_SRV, answer), all) << length;
+
+        dns_packet at_the_end;
+        at_the_end.record("x", DNS_SRV, data.substr(0, length));
+        EXPECT_EQ(followed(QUERY_SRV, DNS_SRV, at_the_end),
+                  length < data.size() ? "" : "A long.x|AAAA long.x|");
     }
     EXPECT_EQ(followed(QUERY_SRV, DNS_SRV, dns_packet().srv("x", 0, 0, 1, "")), ""); // the root
     dns_packet with_rest;
@@ -421,14 +433,22 @@ TEST_F(ResolverTest, DomainDataIsBoundedByItsLength)
         EXPECT_EQ(followed(QUERY_NAPTR, DNS_NAPTR, answer),
                   length < data.size() ? "SRV ok.x|" : "SRV ok.x|SRV long.x|SRV last.x|")
             << length;
+
+        dns_packet at_the_end;
+        at_the_end.record("x", DNS_NAPTR, data.substr(0, length));
+        EXPECT_EQ(followed(QUERY_NAPTR, DNS_NAPTR, at_the_end),
+                  length < data.size() ? "" : "SRV long.x|");
     }
-    // A string that claims more than the record has.
+    // A string that claims more than the record has, by one byte or as much as it can.
     for (const size_t at : {4U, 6U, 14U}) {
-        string lying = data;
-        lying[at] = '\xff';
-        dns_packet answer;
-        answer.record("x", DNS_NAPTR, lying).raw(string(300, '\0'));
-        EXPECT_EQ(followed(QUERY_NAPTR, DNS_NAPTR, answer), "") << at;
+        for (const size_t claimed : {data.size() - at, size_t{255}}) {
+            string lying = data;
+            lying[at] = static_cast<char>(claimed);
+            dns_packet answer;
+            answer.record("x", DNS_NAPTR, lying);
+            EXPECT_EQ(followed(QUERY_NAPTR, DNS_NAPTR, answer), "") << at;
+            EXPECT_EQ(followed(QUERY_NAPTR, DNS_NAPTR, answer.raw(string(300, '\0'))), "") << at;
+        }
     }
 }
 

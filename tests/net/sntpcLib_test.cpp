@@ -396,21 +396,22 @@ TEST_F(SntpTest, ThreadsAskSideBySide)
 // The signal comes when the task has looked for it and not gone to sleep yet.
 TEST_F(SntpTest, ADeletionJustBeforeTheWaitIsNotMissed)
 {
-    peer silent;
+    peer server;
+    timespec now;
     probe p;
     std::binary_semaphore about_to_wait(0);
     std::binary_semaphore deleted(0);
     const int before = open_files();
 
-    sntpcInit(silent.port);
+    dns_answer("ntp.x", DNS_A, dns_packet().a("ntp.x", "127.0.0.1").a("ntp.x", "127.0.0.1"));
+    sntpcInit(server.port);
     before_wait = [&] {
         about_to_wait.release();
         deleted.acquire();
     };
     const taskId_t id = spawn([&] {
-        timespec now;
         probe_attach(&p);
-        fetch(&now, static_cast<u_int>(WAIT_FOREVER));
+        fetch(&now, static_cast<u_int>(WAIT_FOREVER), "ntp.x");
         ADD_FAILURE() << "not ended";
     });
     about_to_wait.acquire();
@@ -418,6 +419,11 @@ TEST_F(SntpTest, ADeletionJustBeforeTheWaitIsNotMissed)
     deleted.release();
     EXPECT_TRUE(eventually([&] { return p.ended.load(); }));
     EXPECT_EQ(open_files(), before);
+
+    before_wait = nullptr;
+    server.answer(reply_of(2208988800, 0));
+    EXPECT_EQ(fetch(&now), OK);
+    EXPECT_EQ(server.requests, 2); // the second address was not asked any more
 }
 
 TEST_F(SntpTest, ADeletionAnywhereInACallLeavesNothingBehind)
