@@ -5,9 +5,9 @@
 // back to the allocator, so the chain is walked without a lock, and whatever is found in it may be
 // locked, however late. Whether a queue lives there is for the record to say, under queue_lock: it
 // has a ring. Deleting a queue frees the ring and leaves the record to a later msgQCreate. This
-// keeps some 400 bytes for each queue of the time when there were most, and it is what makes a
-// look- up cost a few loads instead of another lock and a reference count, and a wake-up after the
-// locks are let go safe without further ado: at worst it reaches waiters of the record's next
+// keeps some 400 bytes for each queue of the time when there were most. It makes looking up cost a
+// few loads, where a lock and a reference count would cost more than the rest of the operation; and
+// it allows wake-ups after the locks are let go: at worst they reach waiters of the record's next
 // queue, who look and wait on.
 //
 // Waiting. A waiter counts itself under queue_lock before it lets go of it, so whoever changes the
@@ -301,11 +301,13 @@ MSG_Q_ID msgQCreate(int max_msgs, int msglen, int)
 
 // ---- Waiting ----
 
-// What a waiter has in its hands: its counts, and the lock that it waits with.
+// A wait: where it counts, what it sleeps on, and how the last sleep ended (0, ETIMEDOUT, ...).
 typedef struct wait_place {
     v2pt_mqueue_t* queue;
     int* waiting; // receivers_waiting or senders_waiting
-    pthread_mutex_t* held;
+    pthread_cond_t* cond;
+    pthread_mutex_t* mutex;
+    int retcode;
 } wait_place_t;
 
 static bool is_marked(const v2pt_mqueue_t* queue)
@@ -371,7 +373,7 @@ static void waitTaskStopWait(void* arg)
     ending_enter();
     const wait_place_t* place = static_cast<const wait_place_t*>(arg);
 
-    pthread_mutex_unlock(place->held);
+    pthread_mutex_unlock(place->mutex);
     LOCK_SECTION(&place->queue->queue_lock, queueHeld);
     leave_waiters_locked(place);
     END_SECTION(queueHeld);
@@ -379,15 +381,15 @@ static void waitTaskStopWait(void* arg)
 
 // How a wait ended. One that failed for any other reason than its deadline would fail for ever, so
 // it counts as a time-out as well.
-static STATUS wait_status(const thread_record_t* me, const v2pt_mqueue_t* queue, int retcode)
+static STATUS wait_status(const thread_record_t* me, const wait_place_t* place)
 {
-    if (is_marked(queue)) {
+    if (is_marked(place->queue)) {
         return S_objLib_OBJ_DELETED;
     }
     if (end_asked(me)) {
         return S_objLib_OBJ_UNAVAILABLE;
     }
-    return retcode != 0 ? S_objLib_OBJ_TIMEOUT : OK;
+    return place->retcode != 0 ? S_objLib_OBJ_TIMEOUT : OK;
 }
 
 static const struct timespec* deadline_for(int wait, struct timespec* space)
@@ -399,28 +401,41 @@ static const struct timespec* deadline_for(int wait, struct timespec* space)
     return space;
 }
 
-// Sleeps until there seems to be room, the queue is marked, or the wait failed: its result.
-static int wait_for_space(thread_record_t* me, wait_place_t* place, int pri,
-                          const struct timespec* deadline)
+static bool goes_on(const thread_record_t* me, const wait_place_t* place)
 {
-    v2pt_mqueue_t* queue = place->queue;
-    int retcode = 0;
+    return place->retcode == 0 && !end_asked(me);
+}
 
+// Sleeps until there seems to be room, the queue is marked, or there is no point in going on.
+static void wait_for_space(thread_record_t* me, wait_place_t* place, int pri,
+                           const struct timespec* deadline)
+{
     pthread_cleanup_push(waitTaskStopWait, place);
-    LOCK_SECTION(&queue->qfull_lock, queueFullHeld);
-    while (waiting_on_q_space(queue, pri, &retcode) != 0 && retcode == 0 && !end_asked(me)) {
-        retcode = op_wait(me, &queue->queue_space, &queue->qfull_lock, deadline);
+    LOCK_SECTION(place->mutex, queueFullHeld);
+    while (waiting_on_q_space(place->queue, pri, &place->retcode) != 0 && goes_on(me, place)) {
+        place->retcode = op_wait(me, place->cond, place->mutex, deadline);
     }
     END_SECTION(queueFullHeld);
     pthread_cleanup_pop(0);
-    return retcode;
+}
+
+// Likewise until there is a message.
+static void wait_for_msg(thread_record_t* me, wait_place_t* place, const struct timespec* deadline)
+    REQUIRES(queueHeld)
+{
+    pthread_cleanup_push(waitTaskStopWait, place);
+    while (waiting_on_q_msg(place->queue, &place->retcode) != 0 && goes_on(me, place)) {
+        place->retcode = op_wait(me, place->cond, place->mutex, deadline);
+    }
+    pthread_cleanup_pop(0);
 }
 
 // Waits for room. OK: there is room, and queue_lock was not let go of since.
 static STATUS waitToSend(thread_record_t* me, v2pt_mqueue_t* queue, int wait, int pri)
     REQUIRES(queueHeld)
 {
-    wait_place_t place = {queue, &queue->senders_waiting, &queue->qfull_lock};
+    wait_place_t place = {queue, &queue->senders_waiting, &queue->queue_space, &queue->qfull_lock,
+                          0};
     struct timespec space;
     STATUS status = OK;
 
@@ -432,10 +447,10 @@ static STATUS waitToSend(thread_record_t* me, v2pt_mqueue_t* queue, int wait, in
     do {
         mqueue_unlock(queue);
         TEST_POINT();
-        const int retcode = wait_for_space(me, &place, pri, deadline);
+        wait_for_space(me, &place, pri, deadline);
         TEST_POINT();
         section_open(&queue->queue_lock, queueHeld);
-        status = wait_status(me, queue, retcode);
+        status = wait_status(me, &place);
     } while (status == OK && !has_room(queue, pri));
     leave_waiters_locked(&place);
     return status;
@@ -445,22 +460,18 @@ static STATUS waitToSend(thread_record_t* me, v2pt_mqueue_t* queue, int wait, in
 static STATUS wait_to_receive(thread_record_t* me, v2pt_mqueue_t* queue, int max_wait)
     REQUIRES(queueHeld)
 {
-    wait_place_t place = {queue, &queue->receivers_waiting, &queue->queue_lock};
+    wait_place_t place = {queue, &queue->receivers_waiting, &queue->queue_send, &queue->queue_lock,
+                          0};
     struct timespec space;
-    int retcode = 0;
 
     if (max_wait == NO_WAIT) {
         return S_objLib_OBJ_UNAVAILABLE;
     }
     const struct timespec* deadline = deadline_for(max_wait, &space);
     join_waiters_locked(&place);
-    pthread_cleanup_push(waitTaskStopWait, &place);
-    while (waiting_on_q_msg(queue, &retcode) != 0 && retcode == 0 && !end_asked(me)) {
-        retcode = op_wait(me, &queue->queue_send, &queue->queue_lock, deadline);
-    }
-    pthread_cleanup_pop(0);
+    wait_for_msg(me, &place, deadline);
     leave_waiters_locked(&place);
-    return wait_status(me, queue, retcode);
+    return wait_status(me, &place);
 }
 
 // ---- Sending and receiving ----
@@ -592,48 +603,57 @@ static bool mark_deleted(v2pt_mqueue_t* queue)
     return first;
 }
 
-// Cleanup handler of a thread that ends inside the deletion's wait by its own doing.
+static void wake_all(v2pt_mqueue_t* queue)
+{
+    pthread_cond_broadcast(&queue->queue_send); // the mark was set with the receivers' lock
+    wake_senders(queue);
+}
+
+// Cleanup handlers of a thread that ends inside the deletion by its own doing: nobody else would
+// finish it.
+static void stop_waiting_for_departures(void* mutex)
+{
+    ending_enter();
+    pthread_mutex_unlock(static_cast<pthread_mutex_t*>(mutex));
+}
+
 static void complete_deletion(void* arg)
 {
     ending_enter();
     v2pt_mqueue_t* queue = static_cast<v2pt_mqueue_t*>(arg);
 
-    pthread_mutex_unlock(&queue->qdlet_lock); // refused if it is not held
+    wake_all(queue);
     delete_mqueue(queue);
-    task_lock_give();
+    task_lock_give(); // nothing if it was not taken
 }
 
 // Sleeps until the waiters have left; a caller that is itself told to end waits for nobody.
 static void wait_for_departures(thread_record_t* me, v2pt_mqueue_t* queue)
 {
-    int result = 0;
-
+    pthread_cleanup_push(stop_waiting_for_departures, &queue->qdlet_lock);
     LOCK_SECTION(&queue->qdlet_lock, queueGoneHeld);
-    while (load_acquire(&queue->waitTasks) > 0 && result == 0 && !end_asked(me)) {
-        result = op_wait(me, &queue->qdlet_cmplt, &queue->qdlet_lock, nullptr);
+    while (load_acquire(&queue->waitTasks) > 0 && !end_asked(me)) {
+        op_wait(me, &queue->qdlet_cmplt, &queue->qdlet_lock, nullptr);
     }
     END_SECTION(queueGoneHeld);
+    pthread_cleanup_pop(0);
 }
 
-// The queue is marked, so only this thread deletes it, and it does so even if it is told to end:
-// nobody else would.
+// The queue is marked, so only this thread deletes it. One that is told to end waits for nothing
+// any more, but finishes.
 static void remove_marked(thread_record_t* me, v2pt_mqueue_t* queue)
 {
+    pthread_cleanup_push(complete_deletion, queue);
     const bool task_locked = task_lock_take(me);
-
     TEST_POINT();
-    pthread_cond_broadcast(&queue->queue_send); // the mark was set with the receivers' lock
-    wake_senders(queue);
+    wake_all(queue);
     if (task_locked) {
-        pthread_cleanup_push(complete_deletion, queue);
         wait_for_departures(me, queue);
         op_sleep_ms(me, load_relaxed(&msPerTick));
-        pthread_cleanup_pop(0);
     }
+    pthread_cleanup_pop(0);
     delete_mqueue(queue);
-    if (task_locked) {
-        task_lock_give();
-    }
+    task_lock_give(); // nothing if it was not taken
 }
 
 status_t msgQDelete(MSG_Q_ID queuePtr)
