@@ -26,6 +26,7 @@
 
 #include <pthread.h>
 #include <stddef.h>
+#include <stdio.h>
 #include <sys/time.h>
 
 #ifdef __cplusplus
@@ -290,6 +291,136 @@ status_t osaSetTimer(int tm_year, int tm_mon, int tm_mday, int tm_hour, int tm_m
  * are not protected against the change.
  */
 status_t osaUpdateTimeZone(char* tzString);
+
+// ---- Inspection ----
+//
+// Looking at processes and threads from inside: diagnostics for rare use, printed on standard
+// output where nothing else is said. Failures show in the results; errno says nothing.
+
+/** A thread watched by taskListCheckByName. */
+typedef struct {
+    int threadId; // the system's id of the thread, as gettid gives it
+    int exist;    // 1 when the last check found the thread
+} TASK_STATUS_T;
+
+/** The threads registered with taskNeedCheck, in that order, and their number. To be read only. */
+extern TASK_STATUS_T taskStatus[100];
+extern int checkTaskStatusNum;
+
+/**
+ * Id of the first process, in the order of /proc, whose command line fits a name: its first
+ * argument (of which 255 bytes count) contains the name or is contained in it. Upper and lower
+ * case differ; a process without a command line never fits.
+ *
+ * @return -1 for a null name, when no process fits, and when it is gone before its id was read
+ *
+ * Every process costs two shell commands, which copy through /tmp/cmdline and /tmp/stat: no other
+ * process may search at the same time. Searches of this process wait for each other. Where such a
+ * file belongs to somebody else, or others could exchange it, no process is found; what is ours
+ * under these names is removed. A deletion of the caller takes effect between two processes.
+ */
+int getPidByName(char* processName);
+
+/**
+ * Checks that threads of a process exist and are neither dead, zombies nor stopped.
+ *
+ * @param processName  first word of the process's name, found by getPidByName; null: this process
+ * @param thread       the threads; the check sets exist in each. Null: as if threadNum were 0
+ * @return 0 when all are well, and when the check cannot be made; otherwise the process id
+ *
+ * Prints what is amiss: "Can not find process %s!", "file=%s open failed!", "file read error!",
+ * "cannot open %s", "one or more thread is not exist!". No two checks of the same entries at a
+ * time. With a name, what is said of getPidByName holds here as well.
+ */
+int taskListCheckByName(char* processName, TASK_STATUS_T* thread, int threadNum);
+
+/** taskListCheckByName of this process for the registered threads; one caller at a time. */
+int taskListCheck(void);
+
+/**
+ * Registers the calling thread for taskListCheck, for good: it is missed once it has ended. After
+ * 100 registrations nothing happens any more. Any thread, also during a check.
+ */
+void taskNeedCheck(void);
+
+/**
+ * Prints one line about a task: id, control block, name ("NULLTASK" if it has none), and the
+ * scheduling that its thread was created with. The caller keeps the block alive.
+ */
+void taskShow(FILE* out, task_t* t);
+
+/** Writes nothing. @return 0 */
+int taskList(FILE* out, int mem);
+
+/**
+ * Lists the tasks, oldest first.
+ *
+ * @param list    the low 32 bits of their ids go here; null ends the process with a message
+ * @param maxIds  room at list
+ * @return ids stored
+ *
+ * Waits for the task lock and holds it for the moment.
+ */
+int taskIdListGet(int* list, int maxIds);
+
+/**
+ * Name of a status code.
+ *
+ * @return a constant; for other numbers the text of strerror, which the thread's next call of
+ *         strerror may replace. Neither may be written to.
+ */
+char* VxWorksError(int status);
+
+/**
+ * Shows that priorities do not reach the threads: starts "tLowPri" and three ticks later
+ * "tHighPri", which print 1000 lines each, and returns.
+ */
+void initCheckPriority(void);
+
+// ---- Thread pool ----
+//
+// One pool per process: a fixed number of threads that run jobs from one queue, first in, first
+// out. The threads are no tasks; they have no control block, name or priority. Jobs run with no
+// lock held, may take as long as they like, and may queue further jobs.
+
+/**
+ * Creates the pool.
+ *
+ * @param thrPoolSize  worker threads, at least 1
+ * @return OK, also when only some of the threads could be created; ERROR for a smaller size, when
+ *         there is a pool already, without memory (the message "malloc ... error" goes to standard
+ *         error) and when no thread could be created, all with nothing left behind
+ *
+ * Not while another thread is in any of these three operations.
+ */
+status_t taskThrPoolCreate(int32_t thrPoolSize);
+
+/**
+ * Queues a job.
+ *
+ * @param entry      called with arg as its only argument; the result is ignored
+ * @param pthrIndex  the worker that is to run it, from 0; -1 for any. A chosen worker that sleeps
+ *                   wakes at once, one at work runs the job when its turn comes
+ * @return OK; ERROR without a pool, for a null entry, an index outside the pool, a worker that
+ *         could not be created or has ended, and without memory (with a message, as above)
+ *
+ * Any thread, jobs included. Jobs for any worker begin in the order in which they were queued, and
+ * so do the jobs for one worker. A job that ends its thread takes the worker out of the pool: jobs
+ * queued for that worker do not run.
+ */
+status_t taskThrPoolAddTask(FUNCPTR entry, void* arg, int32_t pthrIndex);
+
+/**
+ * Shuts the pool down: waits until the jobs that are running have returned, and throws the queued
+ * ones away.
+ *
+ * @return OK, a new pool may be created; ERROR without a pool, and for a job that calls this
+ *
+ * Not while a thread other than the workers is in any of these three operations. Jobs that are
+ * still running may go on to queue jobs, which never run. A task deleted while it waits here
+ * leaves a pool that runs no more jobs; another call finishes the work.
+ */
+status_t taskThrPoolDestroy(void);
 
 #ifdef __cplusplus
 }

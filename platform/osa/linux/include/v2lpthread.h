@@ -80,9 +80,9 @@ typedef struct v2pt_mqueue {
     q_msg_t* queue_head;           // next message to receive
     q_msg_t* queue_tail;           // slot of the next normal message
     int send_type;                 // SEND_DELETED once deletion began; atomic, written locked
-    q_msg_t* first_msg_in_queue;   // slot 0 and the start of the ring; constant
+    q_msg_t* first_msg_in_queue;   // slot 0, start of the ring; null: no queue here; atomic
     q_msg_t* last_msg_in_queue;    // constant
-    struct v2pt_mqueue* nxt_queue; // registry link, guarded by mqueue_list_lock
+    struct v2pt_mqueue* nxt_queue; // registry link; atomic, set once
     int msg_count;                 // atomic, written locked
     int msgs_per_queue;            // capacity; constant
     int msg_len;                   // longest message in bytes; constant
@@ -90,7 +90,6 @@ typedef struct v2pt_mqueue {
     int waitTasks;                 // tasks waiting on the queue; atomic, written locked
     int receivers_waiting;         // those of waitTasks that wait for a message
     int senders_waiting;           // those of waitTasks that wait for space
-    int users;                     // atomic: the registry and every call inside; 0 frees
 } v2pt_mqueue_t;
 
 /** Watchdog. Guarded by wdog_list_lock. */
@@ -99,9 +98,46 @@ typedef struct v2pt_wdog {
     int ticks_remaining;       // after the predecessor's expiry; 0 when idle
     FUNCPTR timeout_func;
     void* timeout_parm;
-    struct v2pt_wdog* next; // active list; null when idle
-    taskId_t restart_task;  // the task that a watchdog of selfRestart starts afresh
+    struct v2pt_wdog* next;  // active list; null when idle
+    taskId_t restart_task;   // the task that a watchdog of selfRestart starts afresh
+    struct v2pt_wdog** link; // what points here in the active list; null when idle
 } v2pt_wdog_t;
+
+struct thrPoolWorker; // lkernelLib.cpp: one worker thread
+
+/** Job of the thread pool. The pool's while it is queued, its worker's once it was taken. */
+typedef struct thrPoolJobQueue_t {
+    FUNCPTR entry;
+    void* arg;
+    int32_t pthrIndex; // the only worker that may run it; -1 for any
+    struct thrPoolJobQueue_t* nextJobQueue;
+    struct thrPoolJobQueue_t* previousJob;
+    struct thrPoolJobQueue_t* nextOfKind; // next job for the same worker, or for any
+    uint64_t number;                      // the older of two jobs has the lower one
+} thrPoolJobQueue_t;
+
+/** Jobs for any worker, or for one of them, oldest first; both null when empty. */
+typedef struct {
+    thrPoolJobQueue_t* first;
+    thrPoolJobQueue_t* last;
+} thrPoolJobs_t;
+
+/** Thread pool. Guarded by thrPoolMutex unless said otherwise. */
+typedef struct thrPool_t {
+    int32_t thrPoolSize;        // as passed to taskThrPoolCreate; constant
+    int32_t destroyFlag;        // 1 once taskThrPoolDestroy has begun
+    pthread_t* pthrIds;         // of worker 0 and up, 0 for one that is missing; constant
+    pthread_cond_t thrPoolCond; // broadcast when the last worker leaves
+    pthread_mutex_t thrPoolMutex;
+    thrPoolJobQueue_t* jobQueueHead; // oldest job of all; null when the queue is empty
+    thrPoolJobQueue_t* jobQueueTail; // latest one; likewise
+    thrPoolJobs_t jobsForAny;
+    uint64_t jobsQueued;           // so far; numbers the jobs
+    struct thrPoolWorker* workers; // thrPoolSize of them, at the end of this block; constant
+    struct thrPoolWorker* idle;    // those asleep, the latest first
+    struct thrPoolWorker* scout;   // roused for a job for any, not there yet; null for none
+    int32_t workersLeft;           // threads that have not begun to end
+} thrPool_t;
 
 static_assert(offsetof(q_msg_t, msgbuf) == 8, "message bytes start at byte 8 of a slot");
 
@@ -119,6 +155,10 @@ static_assert(offsetof(v2pt_mqueue_t, send_type) == 304 &&
 static_assert(offsetof(v2pt_mqueue_t, msg_count) == 336 &&
               offsetof(v2pt_mqueue_t, vmsg_len) == 352);
 static_assert(offsetof(v2pt_mqueue_t, waitTasks) == 360);
+static_assert(offsetof(thrPoolJobQueue_t, pthrIndex) == 16);
+static_assert(offsetof(thrPoolJobQueue_t, nextJobQueue) == 24);
+static_assert(offsetof(thrPool_t, pthrIds) == 8 && offsetof(thrPool_t, thrPoolCond) == 16);
+static_assert(offsetof(thrPool_t, thrPoolMutex) == 64 && offsetof(thrPool_t, jobQueueHead) == 104);
 static_assert(offsetof(v2pt_wdog_t, ticks_remaining) == 40);
 static_assert(offsetof(v2pt_wdog_t, timeout_func) == 48 && offsetof(v2pt_wdog_t, next) == 64);
 #endif
