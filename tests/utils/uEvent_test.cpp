@@ -414,7 +414,8 @@ TEST_F(EventTest, RaiseCareAndClearWhileTheRegistryComesAndGoes)
         threads.emplace_back([seed] {
             std::mt19937 random(seed);
             while (!stop) {
-                const std::string name = "e" + std::to_string(random() % 3);
+                static const std::string names[] = {"e0", "e1", "e2"};
+                const std::string& name = names[random() % 3];
                 const int n = static_cast<int>(random() % HANDLERS);
                 care(name, n);
                 care(name, (n + 1) % HANDLERS);
