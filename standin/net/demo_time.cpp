@@ -92,6 +92,7 @@ void demo_wall_clock(void)
 // ---- A watchdog: one-shot, in ticks of 10 ms, routine on the exception task ----
 
 static constexpr int WATCHDOG_TICKS = 100;
+static constexpr int64_t WATCHDOG_US = WATCHDOG_TICKS * 10'000LL;
 static WDOG_ID watchdog;
 static int64_t watchdog_due_us;
 
@@ -104,7 +105,7 @@ static int on_watchdog(addr_t text)
         SAY("%s: tick %lld, %+.1f ms late", text, static_cast<long long>(runs),
             static_cast<double>(late_us) / 1e3);
     }
-    watchdog_due_us = now_us() + WATCHDOG_TICKS * 10'000;
+    watchdog_due_us = now_us() + WATCHDOG_US;
     wdStart(watchdog, WATCHDOG_TICKS, reinterpret_cast<FUNCPTR>(on_watchdog), text);
     return OK;
 }
@@ -114,7 +115,7 @@ void demo_watchdog(void)
     static char text[] = "watchdog";
 
     watchdog = wdCreate();
-    watchdog_due_us = now_us() + WATCHDOG_TICKS * 10'000;
+    watchdog_due_us = now_us() + WATCHDOG_US;
     wdStart(watchdog, WATCHDOG_TICKS, reinterpret_cast<FUNCPTR>(on_watchdog), text);
 }
 

@@ -36,6 +36,7 @@ struct line_t {
 static void add_args(line_t* line, const char* format, va_list args)
 {
     const size_t room = sizeof line->text - line->used;
+    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): the callers started it
     const int wanted = vsnprintf(line->text + line->used, room, format, args);
     if (wanted > 0) {
         const size_t length = static_cast<size_t>(wanted);

@@ -109,7 +109,8 @@ static int32_t on_clock_step(char*, void* handle, int32_t* param, size_t size)
     return 0;
 }
 
-// A step that happens to end in the second it began in is none to the pump, and is tried again.
+// A step back from the first moments of a second ends in the second that the cycle began in, and is
+// none to the pump. Such moments are avoided; should one come all the same, the step is repeated.
 static int step(int seconds, int, int, int, int, int, int, int, int, int)
 {
     static char name[] = "SYSTEM_TIME_UPDATED";
@@ -122,7 +123,7 @@ static int step(int seconds, int, int, int, int, int, int, int, int, int)
         do {
             taskDelay(1);
             gettimeofday(&now, nullptr);
-        } while (now.tv_usec > 500'000); // leaves room for the rest of the cycle
+        } while (now.tv_usec < 200'000 || now.tv_usec > 600'000); // the cycle is all in one second
         const unsigned long from_ms = osaGetSysUpMs();
         const int32_t left_before = uTimerRemainGet(timer);
         step_clock(seconds * 1'000'000LL);
