@@ -139,7 +139,8 @@ static void spin()
 #if defined(__SANITIZE_THREAD__)
     taskIdVerify(0); // the sanitizer delivers signals at calls it knows
 #else
-    for (volatile int i = 0; i < 1000; i = i + 1) {
+    for (int i = 0; i < 1000; i++) {
+        __asm__ volatile("");
     }
 #endif
 }
