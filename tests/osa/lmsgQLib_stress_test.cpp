@@ -99,7 +99,8 @@ static int receive_all(MSG_Q_ID id, int senders)
 TEST(MsgQStress, NothingIsLostTornOrReordered)
 {
     const FastTicks ticks;
-    for (const traffic& t : {traffic{4, 4, 1, 50000}, {8, 2, 2, 5000}, {2, 6, 20, 20000}}) {
+    for (const traffic& t :
+         {traffic{1, 1, 1, 20000}, {4, 4, 1, 50000}, {8, 2, 2, 5000}, {2, 6, 20, 10000}}) {
         const MSG_Q_ID id = msgQCreate(t.capacity, LENGTH, 0);
         std::atomic<int> received{0};
         std::vector<std::thread> senders;

@@ -323,23 +323,34 @@ TEST(MsgQTest, MarkedQueueIsUsableToTheEndAndDeletedOnce)
     EXPECT_EQ(msgQNumMsgs(id), -1);
 }
 
-// Without ever getting the task lock, and with its waiters still there.
+// Without ever getting the task lock, and with its waiters still there: they leave the old queue,
+// not the one that is created right after it.
 TEST(MsgQTest, DeletedDeleterLeavesNoHalfDeletedQueue)
 {
-    MSG_Q_ID id = msgQCreate(1, 8, 0);
-    std::thread receiver([&] { expect_none(id, WAIT_FOREVER, S_objLib_OBJ_DELETED); });
-    ASSERT_TRUE(eventually([&] { return waiting(id) == 1; }));
-    stdout_capture console;
-    taskLock();
-    const taskId_t deleter = spawn([&] { msgQDelete(id); });
-    ASSERT_TRUE(eventually([&] {
-        errno = 0;
-        return receive(id) == "none" && errno == 0;
-    }));
-    EXPECT_EQ(taskDelete(deleter), OK);
-    receiver.join();
-    EXPECT_TRUE(eventually([&] { return msgQNumMsgs(id) == -1; }));
-    taskUnlock();
+    const stdout_capture console;
+    for (int round = 0; round < 20; round++) {
+        MSG_Q_ID id = msgQCreate(1, 8, 0);
+        std::vector<std::thread> receivers;
+        for (int i = 0; i < 3; i++) {
+            receivers.emplace_back([&] { expect_none(id, WAIT_FOREVER, S_objLib_OBJ_DELETED); });
+        }
+        ASSERT_TRUE(eventually([&] { return waiting(id) == 3; }));
+        taskLock();
+        const taskId_t deleter = spawn([&] { msgQDelete(id); });
+        ASSERT_TRUE(eventually([&] {
+            errno = 0;
+            return receive(id) == "none" && errno == 0;
+        }));
+        EXPECT_EQ(taskDelete(deleter), OK);
+        while (msgQNumMsgs(id) != -1) {
+        }
+        MSG_Q_ID next = msgQCreate(1, 8, 0);
+        for (std::thread& receiver : receivers) {
+            receiver.join();
+        }
+        taskUnlock();
+        EXPECT_EQ(msgQDelete(next), OK);
+    }
 }
 
 static void* run(void* body)
