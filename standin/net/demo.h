@@ -5,6 +5,8 @@
 // returns; what happens then is reported as it happens, on the thread it happens on.
 #pragma once
 
+#include "vxw_defs.h"
+
 #include <signal.h>
 #include <stdint.h>
 
@@ -20,6 +22,12 @@ name_t thread_name(void);
 
 /** Microseconds of the monotonic clock. */
 int64_t now_us(void);
+
+/** Time-outs and delays of the layer are ticks, at a rate that a library may change. */
+int ticks(int ms);
+
+/** Starts a task. One that is to stay calls taskNeedCheck first, and is missed if it ends. */
+taskId_t start_task(char* name, int (*entry)(int));
 
 /**
  * Keeps the calling task from being ended, while it holds a lock of the C library or of its own.
@@ -62,3 +70,5 @@ void demo_async_calls(void);
 void demo_queue(void);
 void demo_deletion(void);
 void demo_summary(void);
+void demo_net(void);
+void demo_inspect(void);

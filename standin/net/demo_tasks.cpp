@@ -11,14 +11,13 @@
 
 static constexpr int SHOWN = 5; // messages that are logged; later ones are only counted
 
-// Time-outs and delays of the layer are ticks, at a rate that a library may change.
-static int ticks(int ms)
+int ticks(int ms)
 {
     return ms * sysClkRateGet() / 1'000;
 }
 
 // Priority, options and stack size are accepted and not used; up to ten int arguments are.
-static taskId_t start(char* name, int (*entry)(int))
+taskId_t start_task(char* name, int (*entry)(int))
 {
     return taskSpawn(name, 100, 0, 0, reinterpret_cast<FUNCPTR>(entry), 0, 0, 0, 0, 0, 0, 0, 0, 0,
                      0);
@@ -35,6 +34,7 @@ static MSG_Q_ID queue;
 
 static int send_messages([[maybe_unused]] int unused)
 {
+    taskNeedCheck();
     for (int number = 1;; number++) {
         message_t message = {number, now_us()};
         const int pri = number % 4 == 0 ? MSG_PRI_URGENT : MSG_PRI_NORMAL;
@@ -48,6 +48,7 @@ static int send_messages([[maybe_unused]] int unused)
 
 static int receive_messages([[maybe_unused]] int unused)
 {
+    taskNeedCheck();
     for (;;) {
         message_t message;
         if (msgQReceive(queue, reinterpret_cast<char*>(&message), sizeof message, ticks(2'000)) ==
@@ -72,8 +73,8 @@ void demo_queue(void)
         SAY("no queue");
         return;
     }
-    start(receiver, receive_messages);
-    start(sender, send_messages);
+    start_task(receiver, receive_messages);
+    start_task(sender, send_messages);
 }
 
 // ---- Deleting a task that waits ----
@@ -93,7 +94,7 @@ static int delete_the_waiter([[maybe_unused]] int unused)
     static char name[] = "tDemoWait";
 
     never_given = semBCreate(0, SEM_EMPTY);
-    const taskId_t waiter = start(name, wait_for_ever);
+    const taskId_t waiter = start_task(name, wait_for_ever);
     taskDelay(ticks(2'000));
     taskDelete(waiter); // the layer says so on standard output, on the task's behalf
     SAY("%s is deleted, its id %s", name,
@@ -105,7 +106,7 @@ static int delete_the_waiter([[maybe_unused]] int unused)
 void demo_deletion(void)
 {
     static char name[] = "tDemoDelete";
-    start(name, delete_the_waiter);
+    start_task(name, delete_the_waiter);
 }
 
 // ---- The summary ----
@@ -145,6 +146,7 @@ static void sum_up(void)
 
 static int report([[maybe_unused]] int unused)
 {
+    taskNeedCheck();
     taskDelay(ticks(7'000));
     for (;;) {
         sum_up();
@@ -155,5 +157,5 @@ static int report([[maybe_unused]] int unused)
 void demo_summary(void)
 {
     static char name[] = "tDemoReport";
-    start(name, report);
+    start_task(name, report);
 }

@@ -72,5 +72,7 @@ extern "C" int hnetInit(void)
     demo_queue();
     demo_deletion();
     demo_summary();
+    demo_net();
+    demo_inspect();
     return 0;
 }

@@ -172,22 +172,35 @@ TEST(DaemonTest, ShowsItselfAtWorkUntilCtrlC)
 
     // Everything that a person who watches for 10 s is to see.
     for (const char* seen :
-         {"I callManager: one-shot timer of 250 ms fired", "I callManager: refreshed timer",
-          "I callManager: repeated timer", "D quarn.utils.timer: uTimerDel: ",
-          "I callManager: the instant came: ", "I tExcTask: watchdog: tick 3",
+         {"I callManager: one-shot timer of 250 ms fired",
+          "I callManager: refreshed timer",
+          "I callManager: repeated timer",
+          "D quarn.utils.timer: uTimerDel: ",
+          "I callManager: the instant came: ",
+          "I tExcTask: watchdog: tick 3",
           "I tUsrRoot: event DEMO_HELLO for the demonstration, parameter 42",
-          "I tAsyncCall: first asynchronous call", "I tAsyncCall: second asynchronous call",
-          "I tDemoReceive: message 5", "this signal is 10 \n",
-          "I tDemoDelete: tDemoWait is deleted, its id no longer known", "tasks: tUsrRoot tExcTask",
-          "timers fired: ", "watchdogs: "}) {
+          "I tAsyncCall: first asynchronous call",
+          "I tAsyncCall: second asynchronous call",
+          "I tDemoReceive: message 5",
+          "this signal is 10 \n",
+          "I tDemoDelete: tDemoWait is deleted, its id no longer known",
+          "tasks: tUsrRoot tExcTask",
+          "timers fired: ",
+          "watchdogs: ",
+          "I tDemoNet: address 2001:0DB8:0:0:0:0:0:1 is 2001:db8::1, equal to [2001:db8::1]",
+          "I tDemoNet: addresses of 127.0.0.1: 1 found",
+          "I tDemoNet: time from 127.0.0.1: ",
+          "I tDemoInspect: task check: well",
+          "I tDemoInspect: pool: 24 of 24 jobs ran"}) {
         if (daemon.text().find(seen) == std::string::npos) {
             daemon.await(seen);
         }
     }
     EXPECT_TRUE(eventually([&] {
-        return daemon.threads() == names{"hnetd",     binder,         "callManager",
-                                         "tUsrRoot",  "tExcTask",     "tAsyncCall",
-                                         "tDemoSend", "tDemoReceive", "tDemoReport"};
+        return daemon.threads() ==
+               names{"hnetd",       binder,       "callManager",     "tUsrRoot",
+                     "tExcTask",    "tAsyncCall", "tDemoSend",       "tDemoReceive",
+                     "tDemoReport", "tDemoNet",   "tDemoSntpServer", "tDemoInspect"};
     }));
     EXPECT_EQ(daemon.text().find("not reached"), std::string::npos);
     EXPECT_EQ(daemon.text().find("deleted timer"), std::string::npos);
