@@ -193,9 +193,10 @@ TEST(List, MovesElementsBehindThoseOfTheOther)
     EXPECT_EQ(uListSize(from.list), 0);
     uListMoveTo(from.list, to.list);
     EXPECT_EQ(content(to.list), "XABD");
-    uListMoveTo(to.list, from.list);
-    EXPECT_EQ(content(from.list), "XABD");
-    EXPECT_EQ(uListAppend(from.list, C), 5);
+    letter_list empty({});
+    uListMoveTo(to.list, empty.list);
+    EXPECT_EQ(content(empty.list), "XABD");
+    EXPECT_EQ(uListAppend(empty.list, C), 5);
     EXPECT_EQ(uListAppend(to.list, E), 1);
     use_elsewhere(from.list, A);
     use_elsewhere(to.list, A);
