@@ -61,6 +61,29 @@ clock    A     127.0.0.1
 clock6   AAAA  ::1
 )";
 
+// Paths are relative to the servers' working directory. Answers are not rationed.
+static const char NSD_CONF[] = R"(server:
+  ip-address: 127.0.0.1
+  username: ""
+  zonesdir: ""
+  database: ""
+  pidfile: ""
+  zonelistfile: zones
+  xfrdfile: transfers
+  rrl-ratelimit: 0
+remote-control:
+  control-enable: no
+zone:
+  name: hnetd.test
+  zonefile: zone
+)";
+
+static const char CHRONY_CONF[] = R"(local stratum 1
+allow all
+cmdport 0
+pidfile chrony.pid
+)";
+
 // ---- Outside ----
 
 static fs::path server(const char* name)
@@ -174,17 +197,11 @@ class Servers : public testing::Environment {
             zone += "many A 198.51.100." + std::to_string(n) + "\n";
         }
         write_file(dir / "zone", zone);
-        write_file(dir / "nsd.conf", "server:\n"
-                                     " ip-address: 127.0.0.1\n username: \"\"\n database: \"\"\n"
-                                     " pidfile: \"\"\n zonelistfile: " +
-                                         (dir / "list").string() + "\n xfrdfile: " +
-                                         (dir / "xfrd").string() + "\n zonesdir: " + dir.string() +
-                                         "\nremote-control:\n control-enable: no\n"
-                                         "zone:\n name: hnetd.test\n zonefile: zone\n");
-        write_file(dir / "chrony.conf", "local stratum 1\nallow all\ncmdport 0\npidfile " +
-                                            (dir / "chrony.pid").string() + "\n");
-        name_server = start({"nsd", "-d", "-c", dir / "nsd.conf"});
-        time_server = start({"chronyd", "-d", "-x", "-u", "root", "-f", dir / "chrony.conf"});
+        write_file(dir / "nsd.conf", NSD_CONF);
+        write_file(dir / "chrony.conf", CHRONY_CONF);
+        name_server = start({"nsd", "-d", "-c", "nsd.conf"});
+        time_server =
+            start({"chronyd", "-d", "-x", "-u", "root", "-f", (dir / "chrony.conf").string()});
         ASSERT_TRUE(eventually([] {
             return listens(53) && listens(123) && osaGetIpFromName(known_host) != 0xffffffffU;
         })) << read_file(dir / "nsd.log")
@@ -234,9 +251,11 @@ class Servers : public testing::Environment {
         if (pid == 0) {
             setpgid(0, 0);
             prctl(PR_SET_PDEATHSIG, SIGKILL);
-            if (freopen((dir / (command[0] + ".log")).c_str(), "w", stderr) != nullptr) {
-                dup2(STDERR_FILENO, STDOUT_FILENO);
+            if (chdir(dir.c_str()) != 0 ||
+                freopen((command[0] + ".log").c_str(), "w", stderr) == nullptr) {
+                _exit(127);
             }
+            dup2(STDERR_FILENO, STDOUT_FILENO);
             if (!libraries.empty()) {
                 setenv("LD_LIBRARY_PATH", libraries.c_str(), 1);
             }

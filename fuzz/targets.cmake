@@ -1,0 +1,18 @@
+# The fuzz targets, for libFuzzer and for the replay of their stored inputs.
+set(FUZZ_TARGETS address service domain sntp)
+set(FUZZ_DIR ${CMAKE_CURRENT_LIST_DIR})
+
+# fuzz_executable(<name> <target> [<source>...])
+function(fuzz_executable name target)
+  set(sources ${FUZZ_DIR}/fuzz_${target}.cpp ${ARGN})
+  set(wrapped socket setsockopt sendto ppoll recvfrom close)
+  if(NOT target STREQUAL sntp)
+    list(APPEND sources ${FUZZ_DIR}/dns_feed.cpp)
+    set(wrapped res_search __res_init)
+  endif()
+  add_executable(${name} ${sources})
+  target_include_directories(${name} PRIVATE ${FUZZ_DIR})
+  foreach(symbol IN LISTS wrapped)
+    target_link_options(${name} PRIVATE -Wl,--wrap=${symbol})
+  endforeach()
+endfunction()
