@@ -32,6 +32,11 @@ struct pool {
     uBmHostHeap_t head;
 };
 
+void* link_of(void* data)
+{
+    return (static_cast<uBmBufHead_t*>(data) - 1)->nextPtr;
+}
+
 } // namespace
 
 TEST(Memory, ComesZeroFilledAlsoFromUsedHeap)
@@ -76,6 +81,18 @@ TEST(Pool, HandsBlocksOutInOrderAndReusesThemLate)
     EXPECT_EQ(p.head.numBuf, 3U);
     EXPECT_EQ(p.head.numFreeBuf, 3U);
     EXPECT_EQ(p.head.lowWaterMark, 3U);
+}
+
+TEST(Queue, LinksBlocksThroughTheirHeaders)
+{
+    pool p(2, 8);
+    EXPECT_EQ(link_of(p.data(0)), p.data(1));
+    EXPECT_EQ(link_of(p.data(1)), nullptr);
+    EXPECT_EQ(uQmDeq(&p.head.freePoolQ), p.data(0));
+    EXPECT_EQ(link_of(p.data(0)), p.data(1)); // until it is queued again
+    uQmEnq(&p.head.freePoolQ, p.data(0));
+    EXPECT_EQ(link_of(p.data(0)), nullptr);
+    EXPECT_EQ(link_of(p.data(1)), p.data(0));
 }
 
 TEST(Pool, ToleratesNullAndPoolsWithoutMemory)

@@ -87,14 +87,12 @@ void forget_service() UNCHECKED
     if (timerMutex != nullptr) {
         semDelete(timerMutex);
     }
-    if (bmMgrTimerPoolHdr.freePoolQ.lockSem != nullptr) {
-        semDelete(bmMgrTimerPoolHdr.freePoolQ.lockSem);
-    }
     timerList = nullptr;
     uTimerPool = nullptr;
     timerMutex = nullptr;
     bmMgrTimerPoolHdr = {};
     uTimerId = 1;
+    idle_word = 0;
     drop_records();
 }
 
@@ -494,6 +492,7 @@ TEST_F(TimerTest, AThreadThatEndsInACallbackLosesNothing)
         });
         ASSERT_EQ(fired, "one ");
         ASSERT_EQ(free_blocks(), 297U);
+        ASSERT_EQ(uListSize(timerList), 3);
         ASSERT_EQ(uTimerRemainGet(late), 50);
         if (round % 2 == 0) {
             uTimerDel(fourth); // it is armed again, and can be deleted
@@ -579,18 +578,20 @@ TEST_F(TimerTest, OperationsOfNoServiceDoNothing)
 
 TEST_F(TimerTest, ComesUpOnceThereIsMemory)
 {
-    for (int nth = 1; nth <= 2; nth++) { // the lock, the list
-        fail_malloc(nth);
-        EXPECT_EQ(uTimerAdd(COUNT, nullptr, 1), 0U);
-        EXPECT_TRUE(failed());
-        fail_malloc(1, true);
-        uTimerRun(1);
-        fail_nothing();
-        EXPECT_EQ(log_texts(), "");
-        EXPECT_EQ(uTimerAdd(COUNT, nullptr, 1), 1U);
-        forget_service();
-    }
-    for (int nth = 3; nth <= 4; nth++) { // the pool, its lock
+    fail_malloc(1, true); // the list
+    EXPECT_EQ(uTimerAdd(COUNT, nullptr, 1), 0U);
+    uTimerRun(1);
+    fail_nothing();
+    EXPECT_EQ(log_texts(), "");
+    fail_malloc(2, true); // the pool and any lock
+    EXPECT_EQ(uTimerAdd(COUNT, nullptr, 1), 0U);
+    fail_nothing();
+    EXPECT_EQ(log_texts(), "Malloc timer pool failed.|");
+    EXPECT_EQ(uTimerAdd(COUNT, nullptr, 1), 1U);
+    forget_service();
+
+    for (int nth = 2; nth <= 3; nth++) { // the pool, its lock
+        log_clear();
         fail_malloc(nth);
         EXPECT_EQ(uTimerAdd(COUNT, nullptr, 1), 0U);
         fail_nothing();
@@ -633,8 +634,10 @@ TEST_F(TimerTest, ThreadsShareTheService)
 {
     std::atomic<int> armed = 0;
     std::atomic<bool> done = false;
-    std::thread pump([&done] {
-        while (!done) {
+    const uint32_t witness = uTimerAdd(COUNT, nullptr, INT32_MAX);
+    int32_t passed = 0;
+    std::thread pump([&] {
+        for (; !done; passed++) {
             uTimerRun(1);
         }
     });
@@ -649,7 +652,9 @@ TEST_F(TimerTest, ThreadsShareTheService)
     });
     done = true;
     pump.join();
+    EXPECT_EQ(uTimerRemainGet(witness), INT32_MAX - passed);
     uTimerRun(100);
+    uTimerDel(witness);
     EXPECT_EQ(fire_count, armed);
     EXPECT_EQ(free_blocks(), 300U);
 }
@@ -713,12 +718,22 @@ TEST_F(TimerTest, AgreementWithinATenthChangesNothing)
 
 TEST_F(TimerTest, DeviationIsTakenIn32Bits)
 {
-    for (const bool half : {true, false}) {
-        const uint32_t id = uTimerEventAdd(COUNT, nullptr, NOW + 10);
-        wall_clock = half ? 2'147'484 : 4'294'968;
-        checktimeoutCb(half ? 352 : 704); // 2^31 and 2^32 ms since the start of the epoch
-        EXPECT_EQ(uTimerRemainGet(id) == 10'000, !half);
-        wall_clock = NOW;
+    struct {
+        time_t now; // seconds, and the deviation counts from the start of the epoch
+        uint32_t elapses;
+        bool armed_anew;
+    } const table[] = {
+        {2'147'484, 352, true},     // deviates by 2^31 ms
+        {4'294'968, 704, false},    // by 2^32
+        {4'294'990, 23'704, false}, // by 1000 less
+        {4'294'990, 21'704, false}, // by 1000 more
+    };
+    for (const auto& row : table) {
+        wall_clock = row.now;
+        const uint32_t id = uTimerEventAdd(COUNT, nullptr, row.now + 20);
+        uTimerRefresh(id, 10'000);
+        checktimeoutCb(row.elapses);
+        EXPECT_EQ(uTimerRemainGet(id), row.armed_anew ? 20'000 : 10'000) << row.elapses;
         uTimerDel(id);
         drop_records();
     }
@@ -839,6 +854,7 @@ TEST_F(TimerTest, MillisecondsBetweenTwoReadings)
         {{100, 999}, {100, 1'998}, 0, false},
         {{100, 50'000}, {100, 50'000}, 0, false},
         {{100, 50'000}, {100, 49'999}, 0, false},
+        {{100, 50'000}, {100, 10'000}, 0, false},
         {{100, 500}, {101, 500}, 1000, false},
         {{100, 500}, {101, 1}, 1000, false},
         {{100, 999'999}, {101, 0}, 1, false},

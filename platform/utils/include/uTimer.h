@@ -62,8 +62,7 @@ uint32_t uTimerAddSec(void* cb, void* param, int32_t timeout);
  * Deletes a timer; unknown ids and 0 are ignored.
  *
  * A timer that has expired and waits for its callback is not known any more: its callback still
- * runs. When this call returns, therefore, cb's param may only be released by the thread that calls
- * uTimerRun outside callbacks, or if it is known that the timer was not due.
+ * runs. So what param points to has to outlive the uTimerRun that is under way, if there is one.
  */
 void uTimerDel(uint32_t timerId);
 
@@ -116,7 +115,6 @@ uint32_t uTimerEventAdd(void* cb, void* param, time_t timeSec);
  *
  * @param elapses  milliseconds that the pump counted since the previous call
  *
- * The first call that finds absolute-time timers after calls were missed re-synchronises, too.
  * Takes time in proportion to the records. The pump calls this about every 30 s.
  */
 void checktimeoutCb(uint32_t elapses);

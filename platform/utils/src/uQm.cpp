@@ -18,14 +18,14 @@ static constexpr lock_role_t queueHeld; // lockSem of the queue at hand
 static void uQmLock(uQmQueue_t* queueHeader) ACQUIRES(queueHeld) UNCHECKED
 {
     if (queueHeader != nullptr && queueHeader->lockSem != nullptr) {
-        semTake(queueHeader->lockSem, WAIT_FOREVER);
+        own_sem_take(queueHeader->lockSem);
     }
 }
 
 static void uQmUnlock(uQmQueue_t* queueHeader) RELEASES(queueHeld) UNCHECKED
 {
     if (queueHeader != nullptr && queueHeader->lockSem != nullptr) {
-        semGive(queueHeader->lockSem);
+        own_sem_give(queueHeader->lockSem);
     }
 }
 

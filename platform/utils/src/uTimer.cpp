@@ -12,12 +12,19 @@
 // belongs to the uTimerRun that cut it; each goes back to the pool after its callback, and those a
 // thread leaves behind when it ends in a callback go back to the head of the list.
 //
+// A pass with nothing due does not even lock. idle_word holds what it needs: how long it is until
+// the first timer expires, and how much of that has passed since the gaps were last brought up to
+// date. Whoever locks takes the word away, brings the first gap up to date, and puts a new word
+// there when it is done; a pass that meets no word locks as well.
+//
 // A re-synchronisation takes the whole chain of records away while it walks it, and puts what is
 // left in front of those that were added meanwhile.
 //
-// Locks; none is taken inside another, except the pool's own inside the first two:
+// Locks; none is taken inside another, but for the pool's while it is built:
 //   creation_lock     the creation of the service; timerList is stored last
-//   timerMutex        timerList's content and uTimerId
+//   timerMutex        timerList's content and uTimerId; idle_word is 0 meanwhile. It is the lock of
+//                     the pool's free queue as well: a block taken or given back inside costs no
+//                     second lock
 //   event_lock        timerEventList, its end, and gTime
 // Log lines and callbacks come after the locks.
 #include "uTimer.h"
@@ -39,14 +46,19 @@ static constexpr uint32_t MS_PER_S = 1000;
 static constexpr uint32_t STEP_S = 10;          // seconds ahead that still count as time passed
 static constexpr uint32_t PUMP_CYCLE_MS = 50;   // what a cycle with a clock step counts as
 static constexpr uint32_t TOLERANCE_SHARE = 10; // a tenth of the time may differ
+static constexpr uint32_t CACHE_LINE = 64;
 
 typedef struct uTimerNode {
-    int32_t expires;           // ms after the preceding node's expiry; for the first, from now
+    int32_t expires;           // ms after the preceding node's expiry; for the first, from when the
+                               // list was last let go
     void (*timeout_cb)(void*); // may be null
     void* param;               // for timeout_cb
     uint32_t timerId;          // never 0
     unode_t link;              // in timerList, or in the chain of a uTimerRun
 } uTimerNode_t;
+
+static_assert(sizeof(uBmBufHead_t) + sizeof(uTimerNode_t) == CACHE_LINE,
+              "a step of a walk touches one line");
 
 typedef struct uTimerEventInfo {
     time_t timeSec;   // wall-clock second at which the timer is due
@@ -75,8 +87,9 @@ static pthread_mutex_t event_lock = PTHREAD_MUTEX_INITIALIZER;
 
 static ulist_t* timerList = nullptr;    // atomic; set once, when all else is there
 static SEM_ID timerMutex = nullptr;     // constant once timerList is set
-static uBmHostHeap_t bmMgrTimerPoolHdr; // locks itself; all zero: no timers to give
+static uBmHostHeap_t bmMgrTimerPoolHdr; // guarded by timerMutex; all zero: no timers to give
 static uint8_t* uTimerPool = nullptr;   // its memory, never freed
+static uint64_t idle_word = 0;          // atomic; see idle_of()
 static uint32_t uTimerId GUARDED_BY(timersHeld) = 1;
 
 static ulist_t* timerEventList GUARDED_BY(eventsHeld) = nullptr; // in order of creation
@@ -95,42 +108,45 @@ static bool uTimerBmMgrInit(int32_t timerTotal) REQUIRES(creationHeld)
 {
     const uint32_t blocks =
         static_cast<uint32_t>(timerTotal > DEFAULT_TIMERS ? timerTotal : DEFAULT_TIMERS);
-    const uint64_t bytes = uint64_t{blocks} * (sizeof(uBmBufHead_t) + sizeof(uTimerNode_t));
+    const uint64_t bytes = uint64_t{blocks} * CACHE_LINE;
 
-    if (bytes > UINT32_MAX) {
+    if (bytes > UINT32_MAX - CACHE_LINE) {
         return false;
     }
-    uTimerPool = static_cast<uint8_t*>(uMalloc(static_cast<uint32_t>(bytes)));
+    uTimerPool = static_cast<uint8_t*>(uMalloc(static_cast<uint32_t>(bytes) + CACHE_LINE));
     if (uTimerPool == nullptr) {
         return false;
     }
-    uBmInitHeap(&bmMgrTimerPoolHdr, blocks, sizeof(uTimerNode_t), uTimerPool);
-    if (bmMgrTimerPoolHdr.freePoolQ.lockSem != nullptr) {
-        return true;
+    uint8_t* line = uTimerPool + CACHE_LINE - reinterpret_cast<uintptr_t>(uTimerPool) % CACHE_LINE;
+    uBmInitHeap(&bmMgrTimerPoolHdr, blocks, sizeof(uTimerNode_t), line);
+    // An unlocked pool, which uBmInitHeap makes without memory for the lock, would not be safe.
+    if (bmMgrTimerPoolHdr.freePoolQ.lockSem == nullptr) {
+        bmMgrTimerPoolHdr = {};
+        uFree(uTimerPool);
+        uTimerPool = nullptr;
+        return false;
     }
-    // Blocks come back without timerMutex, so a pool without a lock would not be safe.
-    bmMgrTimerPoolHdr = {};
-    uFree(uTimerPool);
-    uTimerPool = nullptr;
-    return false;
+    return true;
 }
 
 /**
- * Creates the service unless it exists. What could not be created is left for the next call, except
- * the pool.
+ * Creates the service. Without memory for the list or the lock it does not, and leaves nothing
+ * behind.
  *
  * @return false when the pool could not be built
  */
 static bool create_service_locked(int32_t timerTotal) REQUIRES(creationHeld)
 {
-    if (timerMutex == nullptr) {
-        timerMutex = semMCreate(0);
-    }
-    ulist_t* list = timerMutex == nullptr ? nullptr : uListInit(FALSE);
+    ulist_t* list = uListInit(FALSE);
     if (list == nullptr) {
         return true;
     }
     const bool built = uTimerBmMgrInit(timerTotal);
+    timerMutex = built ? bmMgrTimerPoolHdr.freePoolQ.lockSem : semMCreate(0);
+    if (timerMutex == nullptr) {
+        uListUninit(list);
+        return built;
+    }
     store_release(&timerList, list);
     return built;
 }
@@ -171,19 +187,51 @@ void uTimerInit(int32_t timerTotal)
 
 // ---- The delta list ----
 
+static uTimerNode_t* timer_of(unode_t* link)
+{
+    char* node = reinterpret_cast<char*>(link) - offsetof(uTimerNode_t, link);
+    return reinterpret_cast<uTimerNode_t*>(node);
+}
+
+/**
+ * The word of a list that is let go: in the lower half how long nothing expires, in the upper half
+ * how much of that has passed. For an empty list the upper half means nothing.
+ */
+static uint64_t idle_of(const ulist_t* list)
+{
+    constexpr uint32_t FOR_EVER = UINT32_MAX;
+    return list->node == nullptr ? FOR_EVER : static_cast<uint32_t>(timer_of(list->node)->expires);
+}
+
+/** Lets time pass if nothing expires meanwhile. @return false when it takes the lock to tell */
+static bool pass_idle(int32_t time_gap)
+{
+    uint64_t seen = load_relaxed(&idle_word);
+    uint64_t passed = 0;
+
+    do {
+        passed = seen + (static_cast<uint64_t>(time_gap) << 32);
+        if (time_gap < 0 || passed >> 32 >= static_cast<uint32_t>(seen)) {
+            return false;
+        }
+    } while (!__atomic_compare_exchange_n(&idle_word, &seen, passed, true, __ATOMIC_ACQ_REL,
+                                          __ATOMIC_RELAXED));
+    return true;
+}
+
 static void timers_lock(void) ACQUIRES(timersHeld) UNCHECKED
 {
-    semTake(timerMutex, WAIT_FOREVER);
+    own_sem_take(timerMutex);
+    const uint64_t idle = __atomic_exchange_n(&idle_word, 0, __ATOMIC_ACQ_REL);
+    if (timerList->node != nullptr) {
+        timer_of(timerList->node)->expires -= static_cast<int32_t>(idle >> 32);
+    }
 }
 
 static void timers_unlock(void) RELEASES(timersHeld) UNCHECKED
 {
-    semGive(timerMutex);
-}
-
-static uTimerNode_t* timer_of(const unode_t* link)
-{
-    return reinterpret_cast<uTimerNode_t*>(link->element);
+    store_release(&idle_word, idle_of(timerList));
+    own_sem_give(timerMutex);
 }
 
 static int32_t saturated(int64_t ms)
@@ -236,17 +284,17 @@ static int32_t uTimerInsert(uTimerNode_t* node) REQUIRES(timersHeld)
 /** Finds a timer. @return its position, or -1 and a place of no use */
 static int32_t uTimerPositionGet(uint32_t timerId, place_t* place) REQUIRES(timersHeld)
 {
-    int32_t pos = 0;
+    unode_t** link = &timerList->node;
+    int64_t before = 0;
 
-    *place = {.link = &timerList->node, .before = 0};
-    while (*place->link != nullptr) {
-        const uTimerNode_t* node = timer_of(*place->link);
+    for (int32_t pos = 0; *link != nullptr; pos++) {
+        const uTimerNode_t* node = timer_of(*link);
         if (node->timerId == timerId) {
+            *place = {.link = link, .before = before};
             return pos;
         }
-        place->before += node->expires;
-        place->link = &(*place->link)->next;
-        pos++;
+        before += node->expires;
+        link = &(*link)->next;
     }
     return -1;
 }
@@ -464,7 +512,7 @@ static void run_due(thread_record_t* me, due_t* due)
 
 void uTimerRun(int32_t time_gap)
 {
-    if (!service_ready()) {
+    if (pass_idle(time_gap) || !service_ready()) {
         return;
     }
     thread_record_t* me = op_enter();
@@ -485,7 +533,7 @@ static int32_t seconds_between(time_t from, time_t to)
     return static_cast<int32_t>(static_cast<uint64_t>(to) - static_cast<uint64_t>(from));
 }
 
-static uTimerEventInfo_t* record_of(const unode_t* link)
+static uTimerEventInfo_t* record_of(unode_t* link)
 {
     return reinterpret_cast<uTimerEventInfo_t*>(link->element);
 }

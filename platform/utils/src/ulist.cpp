@@ -27,14 +27,14 @@ typedef struct {
 static void uListLock(ulist_t* list) ACQUIRES(listHeld) UNCHECKED
 {
     if (list != nullptr && list->lockSem != nullptr) {
-        semTake(list->lockSem, WAIT_FOREVER);
+        own_sem_take(list->lockSem);
     }
 }
 
 static void uListUnlock(ulist_t* list) RELEASES(listHeld) UNCHECKED
 {
     if (list != nullptr && list->lockSem != nullptr) {
-        semGive(list->lockSem);
+        own_sem_give(list->lockSem);
     }
 }
 

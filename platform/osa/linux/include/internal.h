@@ -241,6 +241,20 @@ void recursive_mutex_init(pthread_mutex_t* mutex, pthread_mutexattr_t* attr);
 [[nodiscard]] bool task_lock_take(thread_record_t* me);
 void task_lock_give(void);
 
+/**
+ * A module takes and gives its own mutual-exclusion semaphore inside an operation: what semTake and
+ * semGive come to there, without the calls and without the slices of a task's take.
+ */
+static inline void own_sem_take(SEM_ID id)
+{
+    pthread_mutex_lock(&reinterpret_cast<v2lsem_t*>(id)->mutex_lock);
+}
+
+static inline void own_sem_give(SEM_ID id)
+{
+    pthread_mutex_unlock(&reinterpret_cast<v2lsem_t*>(id)->mutex_lock);
+}
+
 /** Local calendar time, serialised with our own changes of the zone; inside an operation only. */
 void zone_local_time(time_t when, struct tm* local);
 
