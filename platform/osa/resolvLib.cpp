@@ -57,7 +57,7 @@ typedef union {
 /** An answer being walked: the bytes from curPos to endPos are yet to come. */
 typedef struct {
     querybuf resp;
-    char name[NS_MAXDNAME]; // owner names are expanded here; nobody reads them
+    char* name; // NS_MAXDNAME bytes for owner names, which nobody reads
     const u_char* curPos;
     const u_char* endPos;
 } walk_t;
@@ -146,14 +146,18 @@ static void walk_answer(walk_t* walk, int len, record_taker_t take, void* arg)
     }
 }
 
+// The two buffers are allocated apart: each is small enough for the fast lists of the allocator,
+// which both together are not.
 static void query(const char* domainName, int queryType, record_taker_t take, void* arg)
 {
+    char* name = static_cast<char*>(uMalloc(NS_MAXDNAME));
     walk_t* walk = static_cast<walk_t*>(uMalloc(sizeof(walk_t)));
-    if (walk == nullptr) {
-        return;
+    if (name != nullptr && walk != nullptr) {
+        walk->name = name;
+        walk_answer(walk, resolvSearch(domainName, queryType, &walk->resp), take, arg);
     }
-    walk_answer(walk, resolvSearch(domainName, queryType, &walk->resp), take, arg);
     uFree(walk);
+    uFree(name);
 }
 
 static bool is_missing(const char* domainName, const ulist_t* list)
