@@ -1,6 +1,31 @@
 # Every source of the product but the process entry.
-file(GLOB HNETD_SOURCES CONFIGURE_DEPENDS
-  ${PROJECT_SOURCE_DIR}/platform/utils/src/*.cpp
-  ${PROJECT_SOURCE_DIR}/platform/osa/*.cpp
-  ${PROJECT_SOURCE_DIR}/platform/osa/linux/src/*.cpp
-  ${PROJECT_SOURCE_DIR}/netd/src/hnetd.cpp)
+set(HNETD_SOURCES
+  platform/utils/src/hashMethod.cpp
+  platform/utils/src/uAsyncCall.cpp
+  platform/utils/src/uBm.cpp
+  platform/utils/src/uEvent.cpp
+  platform/utils/src/uMem.cpp
+  platform/utils/src/uQm.cpp
+  platform/utils/src/uTimer.cpp
+  platform/utils/src/ulist.cpp
+  platform/osa/resolvLib.cpp
+  platform/osa/linux/src/hostLib.cpp
+  platform/osa/linux/src/ifLib.cpp
+  platform/osa/linux/src/internal.cpp
+  platform/osa/linux/src/lkernelLib.cpp
+  platform/osa/linux/src/lmsgQLib.cpp
+  platform/osa/linux/src/lsemLib.cpp
+  platform/osa/linux/src/lstLib.cpp
+  platform/osa/linux/src/ltaskLib.cpp
+  platform/osa/linux/src/ltaskShow.cpp
+  platform/osa/linux/src/lthrPool.cpp
+  platform/osa/linux/src/lutils.cpp
+  platform/osa/linux/src/lwdLib.cpp
+  platform/osa/linux/src/main_impl.cpp
+  platform/osa/linux/src/sntpcLib.cpp
+  platform/osa/linux/src/socketLib.cpp
+  platform/osa/linux/src/v2ldebug.cpp
+  platform/osa/linux/src/v2ltime.cpp
+  netd/src/hnetd.cpp
+)
+list(TRANSFORM HNETD_SOURCES PREPEND ${PROJECT_SOURCE_DIR}/)

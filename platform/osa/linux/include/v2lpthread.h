@@ -103,7 +103,7 @@ typedef struct v2pt_wdog {
     struct v2pt_wdog** link; // what points here in the active list; null when idle
 } v2pt_wdog_t;
 
-struct thrPoolWorker; // lkernelLib.cpp: one worker thread
+struct thrPoolWorker; // lthrPool.cpp: one worker thread
 
 /** Job of the thread pool. The pool's while it is queued, its worker's once it was taken. */
 typedef struct thrPoolJobQueue_t {

@@ -37,8 +37,6 @@ static pthread_t locker GUARDED_BY(taskLockHeld) = 0; // 0: the task lock is fre
 static unsigned long taskLock_level GUARDED_BY(taskLockHeld) = 0;
 static pthread_cond_t taskLock_change = PTHREAD_COND_INITIALIZER;
 
-static unsigned char round_robin_enabled = 1; // atomic
-
 // Set for a thread that is no task while it may hold the task lock; its destructor lets go.
 static pthread_key_t plain_locker_key;
 static pthread_once_t plain_locker_once = PTHREAD_ONCE_INIT;
@@ -671,79 +669,4 @@ int taskDeleteForce(taskId_t tid)
 status_t taskDelete(taskId_t tid)
 {
     return taskDeleteForce(tid);
-}
-
-// ---- Round robin and what the platform has not ----
-
-void enableRoundRobin(void)
-{
-    store_relaxed(&round_robin_enabled, static_cast<unsigned char>(1));
-}
-
-void disableRoundRobin(void)
-{
-    store_relaxed(&round_robin_enabled, static_cast<unsigned char>(0));
-}
-
-int roundRobinIsEnabled(void)
-{
-    return load_relaxed(&round_robin_enabled);
-}
-
-static int not_supported(void)
-{
-    errno = ENOSYS;
-    return ENOSYS;
-}
-
-int taskInit(task_t* task, char*, int, int, char*, int, FUNCPTR, int, int, int, int, int, int, int,
-             int, int, int)
-{
-    if (task != nullptr) {
-        pthread_mutex_init(&task->timemutex, nullptr);
-        pthread_cond_init(&task->timecond, nullptr);
-    }
-    return not_supported();
-}
-
-int taskActivate(taskId_t tid)
-{
-    return taskResume(tid);
-}
-
-int taskSuspend(taskId_t)
-{
-    return not_supported();
-}
-
-int taskResume(taskId_t)
-{
-    return not_supported();
-}
-
-int taskRestart(taskId_t)
-{
-    return not_supported();
-}
-
-int taskSafe(void)
-{
-    return not_supported();
-}
-
-int taskUnsafe(void)
-{
-    return not_supported();
-}
-
-int taskIsReady(taskId_t)
-{
-    not_supported();
-    return 1;
-}
-
-int taskIsSuspended(taskId_t)
-{
-    not_supported();
-    return 0;
 }
