@@ -7,6 +7,7 @@
 #include <atomic>
 #include <cstring>
 #include <gtest/gtest.h>
+#include <set>
 #include <thread>
 #include <vector>
 
@@ -31,11 +32,6 @@ struct pool {
     char* region;
     uBmHostHeap_t head;
 };
-
-void* link_of(void* data)
-{
-    return (static_cast<uBmBufHead_t*>(data) - 1)->nextPtr;
-}
 
 } // namespace
 
@@ -63,80 +59,51 @@ TEST(Pool, HandsBlocksOutInOrderAndReusesThemLate)
 
     EXPECT_EQ(uBmAlloc(&p.head, 24), p.data(0));
     EXPECT_EQ(uBmAlloc(&p.head, 5000), p.data(1)); // the size asked for does not matter
-    EXPECT_EQ(uBmAlloc(&p.head, 0), p.data(2));
-    EXPECT_EQ(uBmAlloc(&p.head, 24), nullptr);
-
     uBmFree(p.data(1));
-    uBmFree(p.data(0));
     uBmFree(nullptr);
+    EXPECT_EQ(uQmDeq(&p.head.freePoolQ), p.data(2)); // a block is in front of its data
+    uQmEnq(&p.head.freePoolQ, p.data(0));
     EXPECT_EQ(p.head.freePoolQ.count, 2);
-    EXPECT_EQ(uBmAlloc(&p.head, 24), p.data(1));
-    uBmFree(p.data(2));
+    EXPECT_EQ(uBmAlloc(&p.head, 0), p.data(1));
     EXPECT_EQ(uBmAlloc(&p.head, 24), p.data(0));
-    EXPECT_EQ(uBmAlloc(&p.head, 24), p.data(2));
     EXPECT_EQ(uBmAlloc(&p.head, 24), nullptr);
     EXPECT_EQ(p.head.freePoolQ.headPtr, nullptr);
     EXPECT_EQ(p.head.freePoolQ.tailPtr, nullptr);
-    EXPECT_EQ(p.head.freePoolQ.count, 0);
     EXPECT_EQ(p.head.numBuf, 3U);
-    EXPECT_EQ(p.head.numFreeBuf, 3U);
+    EXPECT_EQ(p.head.numFreeBuf, 3U); // as set up; the queue has the count
     EXPECT_EQ(p.head.lowWaterMark, 3U);
 }
 
-TEST(Queue, LinksBlocksThroughTheirHeaders)
-{
-    pool p(2, 8);
-    EXPECT_EQ(link_of(p.data(0)), p.data(1));
-    EXPECT_EQ(link_of(p.data(1)), nullptr);
-    EXPECT_EQ(uQmDeq(&p.head.freePoolQ), p.data(0));
-    EXPECT_EQ(link_of(p.data(0)), p.data(1)); // until it is queued again
-    uQmEnq(&p.head.freePoolQ, p.data(0));
-    EXPECT_EQ(link_of(p.data(0)), nullptr);
-    EXPECT_EQ(link_of(p.data(1)), p.data(0));
-}
-
-TEST(Pool, ToleratesNullAndPoolsWithoutMemory)
+TEST(Pool, ToleratesNullAndMissingMemory)
 {
     uBmHostHeap_t head;
     uBmInitHeap(&head, 3, 8, nullptr);
     EXPECT_EQ(uBmAlloc(&head, 8), nullptr);
     semDelete(head.freePoolQ.lockSem);
-
     uBmInitHeap(nullptr, 3, 8, &head);
     EXPECT_EQ(uBmAlloc(nullptr, 8), nullptr);
     uQmInit(nullptr);
     uQmEnq(nullptr, &head);
     EXPECT_EQ(uQmDeq(nullptr), nullptr);
-}
 
-TEST(Pool, WorksUnlockedWithoutMemoryForItsLock)
-{
     fail_malloc(1, true);
-    pool p(2, 8);
+    pool unlocked(1, 8);
     fail_nothing();
-    EXPECT_EQ(p.head.freePoolQ.lockSem, nullptr);
-    EXPECT_EQ(uBmAlloc(&p.head, 8), p.data(0));
-    uBmFree(p.data(0));
-    EXPECT_EQ(uBmAlloc(&p.head, 8), p.data(1));
+    EXPECT_EQ(unlocked.head.freePoolQ.lockSem, nullptr);
+    uBmFree(uBmAlloc(&unlocked.head, 8));
+    EXPECT_EQ(uBmAlloc(&unlocked.head, 8), unlocked.data(0));
 }
 
 TEST(Pool, KeepsMisalignedHeadersAndDataApart)
 {
     for (uint32_t size = 1; size <= 17; size++) {
         pool p(5, size);
-        for (int round = 0; round < 12; round++) {
-            char* one = static_cast<char*>(uBmAlloc(&p.head, size));
-            char* two = static_cast<char*>(uBmAlloc(&p.head, size));
-            ASSERT_TRUE(one != nullptr && two != nullptr);
-            memset(one, 0xff, size);
-            memset(two, 0xff, size);
-            uBmFree(two);
-            uBmFree(one);
+        for (uint32_t turn = 0; turn < 20; turn++) {
+            char* block = static_cast<char*>(uBmAlloc(&p.head, size));
+            ASSERT_EQ(block, p.data(turn % 5));
+            memset(block, 0xff, size);
+            uBmFree(block);
         }
-        for (int block = 0; block < 5; block++) {
-            ASSERT_NE(uBmAlloc(&p.head, size), nullptr);
-        }
-        EXPECT_EQ(uBmAlloc(&p.head, size), nullptr);
     }
 }
 
@@ -151,7 +118,6 @@ TEST(Pool, HoldsMoreBlocksThanItsCountCanTell)
             ASSERT_EQ(uBmAlloc(&p.head, 1), p.data(block));
         }
         ASSERT_EQ(uBmAlloc(&p.head, 1), nullptr);
-        EXPECT_EQ(p.head.freePoolQ.count, 0);
         for (uint32_t block = 0; block < BLOCKS; block++) {
             uBmFree(p.data(block));
         }
@@ -160,14 +126,13 @@ TEST(Pool, HoldsMoreBlocksThanItsCountCanTell)
 
 TEST(Pool, KeepsEveryBlockWhenThreadsRaceForTheLast)
 {
-    constexpr int ROUNDS = 30'000;
     pool p(3, sizeof(int));
     std::atomic<int> stolen = 0;
     std::vector<std::thread> threads;
 
     for (int self = 1; self <= 4; self++) {
         threads.emplace_back([&p, &stolen, self] {
-            for (int round = 0; round < ROUNDS; round++) {
+            for (int round = 0; round < 30'000; round++) {
                 int* block = static_cast<int*>(uBmAlloc(&p.head, sizeof(int)));
                 if (block == nullptr) {
                     continue;
@@ -186,8 +151,7 @@ TEST(Pool, KeepsEveryBlockWhenThreadsRaceForTheLast)
     }
     EXPECT_EQ(stolen, 0);
     EXPECT_EQ(p.head.freePoolQ.count, 3);
-    std::vector<void*> blocks = {uBmAlloc(&p.head, 4), uBmAlloc(&p.head, 4), uBmAlloc(&p.head, 4)};
-    std::sort(blocks.begin(), blocks.end());
-    EXPECT_EQ(blocks, (std::vector<void*>{p.data(0), p.data(1), p.data(2)}));
+    const std::set<void*> all = {uBmAlloc(&p.head, 4), uBmAlloc(&p.head, 4), uBmAlloc(&p.head, 4)};
+    EXPECT_EQ(all, (std::set<void*>{p.data(0), p.data(1), p.data(2)}));
     EXPECT_EQ(uBmAlloc(&p.head, 4), nullptr);
 }
