@@ -39,13 +39,13 @@ extern "C" int __halden_log_print(int, const char*, const char*, ...)
     return 0;
 }
 
-extern "C" int uStrnSafeCopy(char* dest, size_t size, const char* src, size_t count)
+extern "C" char* uStrnSafeCopy(char* dest, size_t size, const char* src, size_t count)
 {
     const size_t wanted = strnlen(src, count);
     const size_t length = wanted < size ? wanted : size - 1;
     memcpy(dest, src, length);
     dest[length] = '\0';
-    return 0;
+    return dest;
 }
 
 extern "C" int hnetInit(void)

@@ -40,12 +40,6 @@ def family(who):
     return "C library, kernel"
 
 
-def headline(rows):
-    """(row, size) of every row that has results; a few sizes of those that have many."""
-    for row in rows:
-        yield row
-
-
 def save(figure, directory, name):
     path = os.path.join(directory, name)
     figure.savefig(path, bbox_inches="tight", facecolor="white")
@@ -100,9 +94,11 @@ def plot_contestants(results, directory):
             if theirs is None or ours is None:
                 continue
             marker, colour = style(who)
-            dots = axes.scatter(theirs / ours, place, marker=marker, color=colour, s=46, zorder=3)
+            dots = axes.scatter(theirs / ours, place, marker=marker, color=colour, s=46,
+                                zorder=3 if who == "hnetd" else 4)
             families.setdefault(family(who), dots)
-    labels = [row.title + ("" if size is None else f", {size:,} {row.sizes}") for row, size in lines]
+    labels = [row.title + ("" if size is None else f" ({size:,} {row.sizes})")
+              for row, size in lines]
     axes.set_yticks(range(len(lines)), labels, fontsize=8)
     axes.invert_yaxis()
     axes.set_xscale("log")
@@ -148,8 +144,8 @@ def plot_growth(results, directory):
     return save(figure, directory, "timers-growth.png")
 
 
-def plot_all(result, verdicts, directory, by_cpu=False):
-    results = table.Results(result, by_cpu)
+def plot_all(result, verdicts, directory, busy_machine=False):
+    results = table.Results(result, busy_machine)
     made = [plot_goals(verdicts, directory), plot_contestants(results, directory),
             plot_growth(results, directory)]
     return [path for path in made if path is not None]

@@ -83,14 +83,14 @@ template <class Pool> void take_and_put_back(benchmark::State& state)
 }
 
 // The compiler would make a calloc of malloc and memset.
-void* malloc_and_clear(size_t bytes)
+[[gnu::noinline]] void* malloc_and_clear(size_t bytes)
 {
     void* block = malloc(bytes);
     benchmark::DoNotOptimize(block);
     return block != nullptr ? memset(block, 0, bytes) : nullptr;
 }
 
-void* clear_calloc(size_t bytes)
+[[gnu::noinline]] void* clear_calloc(size_t bytes)
 {
     return calloc(1, bytes);
 }

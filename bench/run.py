@@ -1,7 +1,7 @@
 """Measures, prints the table, draws the plots. scripts/bench builds and calls this.
 
-usage: run.py <build directory> [--cpu] [--record <file>] [--repetitions <n>] [filter]
-  --cpu            compare CPU time in the rows of several threads as well: for a busy machine
+usage: run.py <build directory> [--busy] [--record <file>] [--repetitions <n>] [filter]
+  --busy           compare CPU time and fastest repetitions, for a machine with other work to do
   --record <file>  put the table between the markers of that document
   filter           a regular expression: only rows whose name it is found in (bench/goals.py);
                    "idle" names the daemon's own figures, "facts" the counted ones, "dns" the
@@ -31,7 +31,7 @@ def record(path, text):
 def main():
     parser = argparse.ArgumentParser(usage="\n" + __doc__.partition("usage: ")[2])
     parser.add_argument("build")
-    parser.add_argument("--cpu", action="store_true")
+    parser.add_argument("--busy", action="store_true")
     parser.add_argument("--record")
     parser.add_argument("--repetitions", type=int, default=9)
     parser.add_argument("--from", dest="stored", help="a result.json of an earlier run")
@@ -47,11 +47,11 @@ def main():
         with open(stored, "w", encoding="utf-8") as out:
             json.dump(result, out)
 
-    text, verdicts = table.make(result, arguments.cpu)
+    text, verdicts = table.make(result, arguments.busy)
     print(text)
     with open(os.path.join(arguments.build, "table.txt"), "w", encoding="utf-8") as out:
         out.write(text)
-    for path in plots.plot_all(result, verdicts, arguments.build, arguments.cpu):
+    for path in plots.plot_all(result, verdicts, arguments.build, arguments.busy):
         print(f"drawn: {path}")
     if arguments.record:
         record(arguments.record, text)
