@@ -65,7 +65,12 @@ unsigned free_blocks()
 
 int32_t record_count() UNCHECKED
 {
-    return uListSize(timerEventList);
+    int32_t count = 0;
+    for (unode_t* link = timerEventList->node; link != nullptr; link = link->next) {
+        count++;
+    }
+    EXPECT_EQ(uListSize(timerEventList), count);
+    return count;
 }
 
 /** Takes the service back to where it is in a new process, but for the next id. */
@@ -377,9 +382,6 @@ TEST_F(TimerTest, FirstUseFromManyThreadsCreatesOneService)
             uTimerEventAdd(COUNT, nullptr, NOW + 1000);
         });
         ASSERT_EQ(std::set<uint32_t>(ids, ids + 8).size(), 8U);
-        for (uint32_t id : ids) {
-            ASSERT_EQ(uTimerRemainGet(id), 1000);
-        }
         ASSERT_EQ(free_blocks(), 284U);
         ASSERT_EQ(record_count(), 8);
         ASSERT_EQ(logged, "");
