@@ -9,7 +9,6 @@
 
 #include <cerrno>
 #include <cstring>
-#include <map>
 #include <thread>
 #include <vector>
 
@@ -27,6 +26,11 @@ static v2pt_mqueue_t* record(MSG_Q_ID id)
     return reinterpret_cast<v2pt_mqueue_t*>(id);
 }
 
+static int waiting(MSG_Q_ID id)
+{
+    return load_acquire(&record(id)->waitTasks);
+}
+
 static void expect_at_rest(MSG_Q_ID id)
 {
     pthread_mutex_lock(&record(id)->queue_lock);
@@ -36,17 +40,17 @@ static void expect_at_rest(MSG_Q_ID id)
     pthread_mutex_unlock(&record(id)->queue_lock);
 }
 
-static void join_all(std::vector<std::thread>& threads)
-{
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
-}
+class FastTicks {
+  public:
+    FastTicks() { sysClkRateSet(1000); }
+    ~FastTicks() { sysClkRateSet(100); }
+};
 
-class MsgQStress : public testing::Test {
-  protected:
-    void SetUp() override { sysClkRateSet(1000); }
-    void TearDown() override { sysClkRateSet(100); }
+struct traffic {
+    int senders;
+    int receivers;
+    int capacity;
+    int messages; // per sender
 };
 
 // A message is its sender's number, its place in the sender's order, and the number all over.
@@ -69,61 +73,64 @@ static void send_all(MSG_Q_ID id, int sender, int messages)
     }
 }
 
-static int receive_all(MSG_Q_ID id)
+static int receive_all(MSG_Q_ID id, int senders)
 {
-    std::map<int, int> latest; // place, by sender
+    std::vector<int> latest(static_cast<size_t>(senders), -1);
     char msg[LENGTH];
     char expected[LENGTH];
     int received = 0;
-    for (;;) {
+    for (int turn = 0;; turn++) {
         errno = 0;
-        if (msgQReceive(id, msg, LENGTH, received % 2 == 0 ? WAIT_FOREVER : 1) >= 0) {
-            int sender = 0;
-            int place = 0;
-            memcpy(&sender, msg, sizeof sender);
-            memcpy(&place, msg + sizeof sender, sizeof place);
-            fill(expected, sender, place);
-            EXPECT_EQ(memcmp(msg, expected, LENGTH), 0);
-            EXPECT_TRUE(latest.try_emplace(sender, -1).first->second < place);
-            latest[sender] = place;
-            received++;
-        } else if (errno != S_objLib_OBJ_TIMEOUT) {
+        if (msgQReceive(id, msg, LENGTH, turn % 2 == 0 ? WAIT_FOREVER : 1) < 0) {
+            if (errno == S_objLib_OBJ_TIMEOUT) {
+                continue;
+            }
             return received; // the queue is going away
         }
+        int sender = 0;
+        int place = 0;
+        memcpy(&sender, msg, sizeof sender);
+        memcpy(&place, msg + sizeof sender, sizeof place);
+        fill(expected, sender, place);
+        EXPECT_EQ(memcmp(msg, expected, LENGTH), 0);
+        EXPECT_GT(place, latest.at(static_cast<size_t>(sender)));
+        latest[static_cast<size_t>(sender)] = place;
+        received++;
     }
 }
 
-TEST_F(MsgQStress, NothingIsLostTornOrReordered)
+TEST(MsgQStress, NothingIsLostTornOrReordered)
 {
-    const struct {
-        int senders;
-        int receivers;
-        int capacity;
-        int messages; // per sender
-    } loads[] = {{4, 4, 1, 20000}, {8, 2, 2, 4000}, {2, 6, 20, 10000}};
-    for (const auto& t : loads) {
+    const FastTicks ticks;
+    for (const traffic& t :
+         {traffic{1, 1, 1, 20000}, {4, 4, 1, 20000}, {8, 2, 2, 4000}, {2, 6, 20, 10000}}) {
         const MSG_Q_ID id = msgQCreate(t.capacity, LENGTH, 0);
         std::atomic<int> received{0};
         std::vector<std::thread> senders;
         std::vector<std::thread> receivers;
         for (int i = 0; i < t.receivers; i++) {
-            receivers.emplace_back([&] { received += receive_all(id); });
+            receivers.emplace_back([&] { received += receive_all(id, t.senders); });
         }
         for (int i = 0; i < t.senders; i++) {
             senders.emplace_back([&, i] { send_all(id, i, t.messages / SHARE); });
         }
-        join_all(senders);
+        for (std::thread& sender : senders) {
+            sender.join();
+        }
         EXPECT_TRUE(eventually([&] { return msgQNumMsgs(id) == 0; }));
         EXPECT_EQ(msgQDelete(id), OK);
-        join_all(receivers);
+        for (std::thread& receiver : receivers) {
+            receiver.join();
+        }
         EXPECT_EQ(received, t.senders * (t.messages / SHARE));
         expect_at_rest(id);
     }
 }
 
 // Three deleters and four users on whatever queue there is; the deleter that wins makes the next.
-TEST_F(MsgQStress, QueuesDieUnderTheirUsers)
+TEST(MsgQStress, QueuesDieUnderTheirUsers)
 {
+    const FastTicks ticks;
     const stdout_capture console;
     std::atomic<MSG_Q_ID> current{msgQCreate(1, 8, 0)};
     std::atomic<int> deletions{0};
@@ -154,52 +161,87 @@ TEST_F(MsgQStress, QueuesDieUnderTheirUsers)
             }
         });
     }
-    join_all(deleters);
+    for (std::thread& deleter : deleters) {
+        deleter.join();
+    }
     stop = true;
     const MSG_Q_ID last = current;
     EXPECT_EQ(msgQDelete(last), OK);
-    join_all(users);
+    for (std::thread& user : users) {
+        user.join();
+    }
     expect_at_rest(last);
 }
 
-// Tasks are deleted while they all wait, or in the middle of what they do.
-TEST_F(MsgQStress, UsersDieAndTheQueueGoesOn)
+// A deleted task may need a moment longer than taskDelete.
+static void delete_tasks(const std::vector<taskId_t>& tasks, int threads_before)
 {
-    const stdout_capture console;                           // of what tasks say as they end
-    const char* const companies[] = {"sss", "rrr", "srsr"}; // senders and receivers
-    const int waits[] = {WAIT_FOREVER, 100000, 1};
+    for (const taskId_t task : tasks) {
+        EXPECT_EQ(taskDelete(task), OK);
+    }
+    EXPECT_TRUE(eventually([&] { return thread_count() == threads_before; }));
+}
+
+static void expect_usable_and_deletable(MSG_Q_ID id)
+{
+    char buffer[8] = {};
+    expect_at_rest(id);
+    while (msgQReceive(id, buffer, 8, NO_WAIT) >= 0) {
+    }
+    EXPECT_EQ(errno, S_objLib_OBJ_UNAVAILABLE);
+    EXPECT_EQ(msgQSend(id, buffer, 8, NO_WAIT, 0), OK);
+    EXPECT_EQ(msgQReceive(id, buffer, 8, NO_WAIT), 8);
+    const int64_t before = now_ns();
+    EXPECT_EQ(msgQDelete(id), OK);
+    EXPECT_LT(now_ns() - before, 1000000000);
+    expect_at_rest(id);
+}
+
+TEST(MsgQStress, BlockedUsersDieAndTheQueueGoesOn)
+{
+    const FastTicks ticks;
+    const stdout_capture console; // of what the tasks say as they end
     const int threads = thread_count();
-    for (int round = 0; round < 540 / SHARE; round++) {
-        const std::string company = companies[round % 3];
-        const int wait = waits[round / 3 % 3];
-        const MSG_Q_ID id = msgQCreate(1 + round % 4, 8, 0);
-        char buffer[8] = {};
+    for (int round = 0; round < 160 / SHARE; round++) {
+        const bool full = round % 2 == 0;
+        const int wait = round % 4 < 2 ? WAIT_FOREVER : 100000;
+        const MSG_Q_ID id = msgQCreate(1, 8, 0);
         std::vector<taskId_t> tasks;
-        for (const char kind : company) {
+        if (full) {
+            msgQSend(id, nullptr, 8, NO_WAIT, 0);
+        }
+        for (int i = 0; i < 3; i++) {
             tasks.push_back(spawn([=] {
-                char own[8] = {};
+                char buffer[8];
+                full ? msgQSend(id, nullptr, 8, wait, 0) : msgQReceive(id, buffer, 8, wait);
+            }));
+        }
+        ASSERT_TRUE(eventually([&] { return waiting(id) == 3; }));
+        delete_tasks(tasks, threads);
+        EXPECT_EQ(msgQNumMsgs(id), full ? 1 : 0);
+        expect_usable_and_deletable(id);
+    }
+}
+
+TEST(MsgQStress, BusyUsersDieAndTheQueueGoesOn)
+{
+    const FastTicks ticks;
+    const stdout_capture console; // of what the tasks say as they end
+    const int threads = thread_count();
+    for (int round = 0; round < 400 / SHARE; round++) {
+        const MSG_Q_ID id = msgQCreate(1 + round % 3, 8, 0);
+        std::vector<taskId_t> tasks;
+        for (int i = 0; i < 4; i++) {
+            tasks.push_back(spawn([=] {
+                char buffer[8];
                 for (;;) {
-                    kind == 's' ? msgQSend(id, own, 8, wait, round % 2)
-                                : msgQReceive(id, own, 8, wait);
+                    i % 2 == 0 ? msgQSend(id, buffer, 8, WAIT_FOREVER, i / 2)
+                               : msgQReceive(id, buffer, 8, i == 1 ? WAIT_FOREVER : 1);
                 }
             }));
         }
-        if (company == "srsr") {
-            usleep(static_cast<useconds_t>(round % 40 * 25));
-        } else {
-            ASSERT_TRUE(eventually([&] { return load_acquire(&record(id)->waitTasks) == 3; }));
-        }
-        for (const taskId_t task : tasks) {
-            EXPECT_EQ(taskDelete(task), OK);
-        }
-        // A task may need a moment longer than its deletion.
-        EXPECT_TRUE(eventually([&] { return thread_count() == threads; }));
-        expect_at_rest(id);
-        while (msgQReceive(id, buffer, 8, NO_WAIT) >= 0) {
-        }
-        EXPECT_EQ(errno, S_objLib_OBJ_UNAVAILABLE);
-        EXPECT_EQ(msgQSend(id, buffer, 8, NO_WAIT, 0), OK);
-        EXPECT_EQ(msgQReceive(id, buffer, 8, NO_WAIT), 8);
-        EXPECT_EQ(msgQDelete(id), OK);
+        usleep(static_cast<useconds_t>(round % 40 * 25));
+        delete_tasks(tasks, threads);
+        expect_usable_and_deletable(id);
     }
 }
