@@ -1,17 +1,21 @@
-# The fuzz targets, for libFuzzer and for the replay of their stored inputs.
+# The fuzz targets, for libFuzzer and for the replay of their stored inputs: the walk over address,
+# SRV (service) and NAPTR (domain) records, and the reply of a time server.
 set(FUZZ_TARGETS address service domain sntp)
 set(FUZZ_DIR ${CMAKE_CURRENT_LIST_DIR})
+set(FUZZ_QUERY_address QUERY_ADDRESS)
+set(FUZZ_QUERY_service QUERY_SRV)
+set(FUZZ_QUERY_domain QUERY_NAPTR)
 
 # fuzz_executable(<name> <target> [<source>...])
 function(fuzz_executable name target)
-  set(sources ${FUZZ_DIR}/fuzz_${target}.cpp ${ARGN})
-  set(wrapped socket setsockopt sendto ppoll recvfrom close)
-  if(NOT target STREQUAL sntp)
-    list(APPEND sources ${FUZZ_DIR}/dns_feed.cpp)
+  if(target STREQUAL sntp)
+    add_executable(${name} ${FUZZ_DIR}/fuzz_sntp.cpp ${ARGN})
+    set(wrapped socket setsockopt sendto ppoll recvfrom close)
+  else()
+    add_executable(${name} ${FUZZ_DIR}/fuzz_dns.cpp ${ARGN})
+    target_compile_definitions(${name} PRIVATE FUZZ_QUERY=${FUZZ_QUERY_${target}})
     set(wrapped res_search __res_init)
   endif()
-  add_executable(${name} ${sources})
-  target_include_directories(${name} PRIVATE ${FUZZ_DIR})
   foreach(symbol IN LISTS wrapped)
     target_link_options(${name} PRIVATE -Wl,--wrap=${symbol})
   endforeach()

@@ -1,72 +1,140 @@
 // Builds DNS answers byte by byte, good ones and bad ones.
 #pragma once
 
-#include <cstdint>
+#include <arpa/inet.h>
 #include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
-enum dns_type : uint16_t {
-    DNS_A = 1,
-    DNS_CNAME = 5,
-    DNS_TXT = 16,
-    DNS_AAAA = 28,
-    DNS_SRV = 33,
-    DNS_NAPTR = 35,
-};
+enum dns_type : unsigned { A = 1, CNAME = 5, TXT = 16, AAAA = 28, SRV = 33, NAPTR = 35 };
 
-/** Sections by their count's place in the header. */
-enum dns_section { DNS_QUESTION, DNS_ANSWER, DNS_AUTHORITY, DNS_ADDITIONAL };
+/** Sections by the place of their count in the header. */
+enum dns_section : size_t { QUESTION, ANSWER, AUTHORITY, ADDITIONAL };
 
-/** Appends to data: 16 bits in network order, a character-string. */
-void put16(std::string* data, unsigned value);
-void put_string(std::string* data, const std::string& text);
+static inline std::string u16(unsigned value)
+{
+    return {static_cast<char>(value >> 8), static_cast<char>(value)};
+}
 
-/** A name on the wire, uncompressed; "" is the root. */
-std::string wire_name(const std::string& name);
+/** A character-string: its length, itself. */
+static inline std::string counted(const std::string& text)
+{
+    return static_cast<char>(text.size()) + text;
+}
 
 class dns_packet {
   public:
-    dns_packet();
+    /** With compression, names point at earlier equal suffixes. */
+    explicit dns_packet(bool compressed = false)
+        : bytes("\0\0\x81\x80\0\0\0\0\0\0\0\0", 12), compressing(compressed)
+    {
+    }
 
-    /** Names from here on point at earlier equal suffixes where they can. */
-    dns_packet& compress();
-    /** Records from here on belong, and count, to this section. */
-    dns_packet& section(dns_section s);
-    /** Overwrites a section's count when all is built: what follows no longer counts. */
-    dns_packet& count(dns_section s, unsigned value);
+    /** Records from here on belong to this section, and count there. */
+    dns_packet& section(dns_section s)
+    {
+        current = s;
+        return *this;
+    }
+    dns_packet& count(dns_section s, unsigned value)
+    {
+        bytes.replace(4 + 2 * s, 2, u16(value));
+        return *this;
+    }
+    dns_packet& raw(const std::string& more)
+    {
+        bytes += more;
+        return *this;
+    }
+    dns_packet& question(const std::string& name, unsigned type)
+    {
+        bump(QUESTION);
+        put_name(name);
+        return raw(u16(type) + u16(1));
+    }
 
-    dns_packet& question(const std::string& name, unsigned type);
-    dns_packet& a(const std::string& name, const std::string& addr, uint32_t ttl = 60);
-    dns_packet& aaaa(const std::string& name, const std::string& addr, uint32_t ttl = 60);
-    dns_packet& cname(const std::string& name, const std::string& target);
+    /** A record without its owner name, which went before; its length field may say what it likes.
+     */
+    dns_packet& rest(unsigned type, const std::string& data, int length = -1, uint32_t ttl = 60)
+    {
+        bump(current);
+        raw(u16(type) + u16(1) + u16(ttl >> 16) + u16(ttl & 0xffff));
+        raw(u16(length < 0 ? static_cast<unsigned>(data.size()) : static_cast<unsigned>(length)));
+        raw(data);
+        ends.emplace_back(type, bytes.size());
+        return *this;
+    }
+    dns_packet& record(const std::string& name, unsigned type, const std::string& data,
+                       int length = -1, uint32_t ttl = 60)
+    {
+        put_name(name);
+        return rest(type, data, length, ttl);
+    }
+    dns_packet& a(const std::string& name, const std::string& addr, uint32_t ttl = 60)
+    {
+        char data[16];
+        const bool ipv4 = inet_pton(AF_INET, addr.c_str(), data) == 1;
+        if (!ipv4) {
+            inet_pton(AF_INET6, addr.c_str(), data);
+        }
+        return record(name, ipv4 ? A : AAAA, std::string(data, ipv4 ? 4 : 16), -1, ttl);
+    }
+    dns_packet& cname(const std::string& name, const std::string& target)
+    {
+        return named(name, CNAME, "", target);
+    }
     dns_packet& srv(const std::string& name, unsigned priority, unsigned weight, unsigned port,
-                    const std::string& target);
+                    const std::string& target)
+    {
+        return named(name, SRV, u16(priority) + u16(weight) + u16(port), target);
+    }
     dns_packet& naptr(const std::string& name, unsigned order, unsigned preference,
                       const std::string& flags, const std::string& service,
-                      const std::string& regexp, const std::string& replacement);
-    /** A record with any data; its length field says length where that is not -1. */
-    dns_packet& record(const std::string& name, unsigned type, const std::string& data,
-                       int length = -1, uint32_t ttl = 60);
-    /** A record whose owner name are these bytes, not checked. */
-    dns_packet& record_owned(const std::string& wire_owner, unsigned type, const std::string& data);
-    dns_packet& raw(const std::string& bytes);
+                      const std::string& replacement, const std::string& regexp = "")
+    {
+        return named(name, NAPTR,
+                     u16(order) + u16(preference) + counted(flags) + counted(service) +
+                         counted(regexp),
+                     replacement);
+    }
 
-    size_t size() const { return packet.size(); }
-    const std::string& bytes() const { return packet; }
-    /** Where each record of a type ends. */
-    std::vector<size_t> ends(unsigned type) const;
+    std::string bytes;
+    std::vector<std::pair<unsigned, size_t>> ends; // each record's type, and where it ends
 
   private:
-    void put_name(const std::string& name);
-    void begin_record(unsigned type, uint32_t ttl);
-    void end_record();
-    void bump();
+    // A record whose data ends with a name.
+    dns_packet& named(const std::string& name, unsigned type, const std::string& data,
+                      const std::string& target)
+    {
+        record(name, type, data);
+        const size_t start = bytes.size() - data.size();
+        put_name(target);
+        bytes.replace(start - 2, 2, u16(static_cast<unsigned>(bytes.size() - start)));
+        ends.back().second = bytes.size();
+        return *this;
+    }
+    void put_name(std::string left)
+    {
+        while (!left.empty()) {
+            const auto [known, added] = seen.emplace(left, bytes.size());
+            if (!added && compressing) {
+                raw(u16(0xc000U | static_cast<unsigned>(known->second)));
+                return;
+            }
+            const size_t dot = left.find('.');
+            raw(counted(left.substr(0, dot)));
+            left = dot == std::string::npos ? "" : left.substr(dot + 1);
+        }
+        bytes += '\0';
+    }
+    void bump(dns_section s)
+    {
+        const unsigned low = static_cast<unsigned char>(bytes[5 + 2 * s]);
+        count(s, low + 1); // fewer than 256
+    }
 
-    std::string packet;
-    bool compressing = false;
-    dns_section current = DNS_ANSWER;
+    bool compressing;
+    dns_section current = ANSWER;
     std::map<std::string, size_t> seen; // suffix to offset
-    size_t data_start = 0;
-    std::vector<std::pair<unsigned, size_t>> records; // type, end
 };
