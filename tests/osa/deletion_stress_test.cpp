@@ -215,7 +215,7 @@ class DeletionStress : public testing::Test {
         shared_list = uListInit(1);
         uTimerInit(0);
         std::thread([] {}).join();
-        threads_before = thread_count();
+        threads_before = threads_at_rest();
     }
 
     void delete_many(int deleter, int first, int end);

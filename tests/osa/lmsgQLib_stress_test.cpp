@@ -201,7 +201,7 @@ TEST(MsgQStress, BlockedUsersDieAndTheQueueGoesOn)
 {
     const FastTicks ticks;
     const stdout_capture console; // of what the tasks say as they end
-    const int threads = thread_count();
+    const int threads = threads_at_rest();
     for (int round = 0; round < 160 / SHARE; round++) {
         const bool full = round % 2 == 0;
         const int wait = round % 4 < 2 ? WAIT_FOREVER : 100000;
@@ -227,7 +227,7 @@ TEST(MsgQStress, BusyUsersDieAndTheQueueGoesOn)
 {
     const FastTicks ticks;
     const stdout_capture console; // of what the tasks say as they end
-    const int threads = thread_count();
+    const int threads = threads_at_rest();
     for (int round = 0; round < 400 / SHARE; round++) {
         const MSG_Q_ID id = msgQCreate(1 + round % 3, 8, 0);
         std::vector<taskId_t> tasks;

@@ -57,7 +57,7 @@ class TaskTest : public testing::Test {
     void SetUp() override
     {
         std::thread([] {}).join(); // the first thread of all brings a sanitizer's own with it
-        threads_before = thread_count();
+        threads_before = threads_at_rest();
     }
 
     // Every thread that a test starts is gone when it ends, and so is every block.

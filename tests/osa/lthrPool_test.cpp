@@ -65,7 +65,7 @@ class PoolTest : public testing::Test {
     {
         std::thread([] {}).join(); // the first thread of all brings a sanitizer's own with it
         usleep(20000);             // and may linger
-        threads_before = thread_count();
+        threads_before = threads_at_rest();
     }
     void TearDown() override
     {

@@ -279,7 +279,7 @@ static void restart(taskId_t id)
 TEST_F(WatchdogTest, RestartsPendingTogetherEachStartTheirTask)
 {
     const FUNCPTR entry = reinterpret_cast<FUNCPTR>(stay);
-    const int threads = thread_count();
+    const int threads = threads_at_rest();
     char names[][8] = {"tFirst", "tSecond", "tGone"};
     std::vector<taskId_t> ids;
     for (char* name : names) {

@@ -18,6 +18,9 @@ bool eventually(const std::function<bool()>& holds, int limit_ms = 10000);
 /** Threads of this process. */
 int thread_count();
 
+/** The same once threads that were joined are gone, which may take a moment longer. */
+int threads_at_rest();
+
 /** Resident memory of this process in bytes. */
 int64_t resident_bytes();
 
