@@ -332,9 +332,11 @@ static char* expand_name(const u_char* respBuf, const u_char* endPos, const u_ch
 static SRV_INFO* resolvSrvRecord(const u_char* respBuf, const u_char* endPos, const u_char* curPos,
                                  int dataLen)
 {
-    constexpr int FIXED_LEN = 3 * NS_INT16SZ;
+    constexpr int WEIGHT_AT = 2;
+    constexpr int PORT_AT = 4;
+    constexpr int TARGET_AT = 6;
 
-    if (respBuf == nullptr || endPos == nullptr || curPos == nullptr || dataLen < FIXED_LEN) {
+    if (respBuf == nullptr || endPos == nullptr || curPos == nullptr || dataLen < TARGET_AT) {
         return nullptr;
     }
     SRV_INFO* srvInfo = static_cast<SRV_INFO*>(uMalloc(sizeof(SRV_INFO)));
@@ -342,9 +344,9 @@ static SRV_INFO* resolvSrvRecord(const u_char* respBuf, const u_char* endPos, co
         return nullptr;
     }
     srvInfo->priority = ns_read16(curPos);
-    srvInfo->weight = ns_read16(curPos + NS_INT16SZ);
-    srvInfo->port = ns_read16(curPos + 2 * NS_INT16SZ);
-    srvInfo->target = expand_name(respBuf, endPos, curPos + FIXED_LEN, curPos + dataLen);
+    srvInfo->weight = ns_read16(curPos + WEIGHT_AT);
+    srvInfo->port = ns_read16(curPos + PORT_AT);
+    srvInfo->target = expand_name(respBuf, endPos, curPos + TARGET_AT, curPos + dataLen);
     if (srvInfo->target == nullptr) {
         srvInfoFree(srvInfo);
         return nullptr;
