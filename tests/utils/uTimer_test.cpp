@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cstdarg>
 #include <gtest/gtest.h>
+#include <mutex>
 #include <random>
 #include <set>
 #include <string>
@@ -18,6 +19,7 @@ constexpr time_t NOW = 1'700'000'000;
 
 std::atomic<time_t> wall_clock;
 std::atomic<bool> logging_checks_locks;
+std::mutex logged_lock;
 std::string logged; // priority and text of each line
 std::string calls;  // what the doubles of other modules were asked for
 std::string fired;
@@ -63,12 +65,20 @@ unsigned free_blocks()
     return bmMgrTimerPoolHdr.freePoolQ.count;
 }
 
+template <typename Function> void for_each_record(Function use) UNCHECKED
+{
+    unode_t* link = timerEventList == nullptr ? nullptr : timerEventList->node;
+    while (link != nullptr) {
+        uTimerEventInfo_t* record = record_of(link);
+        link = link->next;
+        use(record);
+    }
+}
+
 int32_t record_count() UNCHECKED
 {
     int32_t count = 0;
-    for (unode_t* link = timerEventList->node; link != nullptr; link = link->next) {
-        count++;
-    }
+    for_each_record([&count](uTimerEventInfo_t*) { count++; });
     EXPECT_EQ(uListSize(timerEventList), count);
     return count;
 }
@@ -76,11 +86,7 @@ int32_t record_count() UNCHECKED
 /** Takes the service back to where it is in a new process, but for the next id. */
 void forget_service(uint32_t next_id = 1) UNCHECKED
 {
-    for (unode_t* link = timerEventList == nullptr ? nullptr : timerEventList->node; link;) {
-        uTimerEventInfo_t* record = record_of(link);
-        link = link->next;
-        uFree(record);
-    }
+    for_each_record(uFree);
     uFree(timerEventList);
     uFree(timerList);
     uFree(uTimerPool);
@@ -150,6 +156,7 @@ extern "C" int __wrap___halden_log_print(int priority, const char* tag, const ch
     vsnprintf(text, sizeof text, format, args);
     va_end(args);
     EXPECT_STREQ(tag, "quarn.utils.timer");
+    const std::lock_guard<std::mutex> guard(logged_lock);
     logged += std::to_string(priority) + " " + text + "|";
     return 0;
 }
@@ -197,6 +204,8 @@ TEST_F(TimerTest, AgreesWithAPlainModel)
         return std::erase_if(model, [id](const entry& timer) { return timer.id == id; }) != 0;
     };
 
+    uTimerRun(0);
+    fail_malloc(1, true);
     for (uint32_t step = 0, next_id = 1; step < 6000; step++) {
         const int32_t timeout = int32_t(pick(60)) * 5 - 5;
         const int32_t gap = int32_t(pick(30)) - 5;
@@ -236,6 +245,8 @@ TEST_F(TimerTest, AgreesWithAPlainModel)
             ASSERT_EQ(uTimerRemainGet(model[at].id), model[at].left) << step;
         }
     }
+    EXPECT_EQ(malloc_calls(), 0);
+    fail_nothing();
     EXPECT_NE(logged.find("6 timer malloc failed! timerListSize=300\n|"), std::string::npos);
 }
 
@@ -523,6 +534,25 @@ TEST_F(TimerTest, RecordsMayBeAddedDuringAResynchronisation)
     EXPECT_EQ(fire_count, 0);
     uTimerRun(60'000);
     EXPECT_EQ(fire_count, 3 * EACH);
+}
+
+// Walked by position, or linked by walking, so many records would take minutes.
+TEST_F(TimerTest, ManyRecordsAreResynchronisedInOneWalk)
+{
+    constexpr int RECORDS = 300'000;
+    const uint32_t id = uTimerAdd(COUNT, nullptr, 1'000'000);
+    arm_at("past", NOW - 1);
+    fail_malloc(0);
+    for (int n = 1; n < RECORDS; n++) {
+        arm_at("past", NOW - 1);
+    }
+    EXPECT_EQ(malloc_calls(), RECORDS - 1);
+    for_each_record([id](uTimerEventInfo_t* record) {
+        record->timerId = id;
+        record->timeSec = NOW + 1000;
+    });
+    checktimeoutCb(0);
+    EXPECT_EQ(record_count(), RECORDS);
 }
 
 TEST_F(TimerTest, MillisecondsBetweenTwoReadings)
