@@ -20,7 +20,7 @@ struct hnetd {
     static void make_pool()
     {
         sequence random(5);
-        ids.resize(TIMERS_MAX + TIMERS_OWN);
+        ids.resize(static_cast<size_t>(TIMERS_MAX + TIMERS_OWN));
         uTimerInit(TIMERS_MAX + TIMERS_OWN);
         for (size_t i = 0; i < ids.size(); i++) {
             uTimerAdd(nullptr, nullptr, static_cast<int32_t>(random.below(FAR_FROM)));
@@ -47,11 +47,10 @@ struct hnetd {
     void pass() { uTimerRun(1); }
 };
 
-} // namespace
+[[maybe_unused]] const bool added[] = {
+    add_timers<hnetd>("hnetd"),
+    add_timers<delta_list>("floor"),
+    add_timers<multimap>("std::multimap"),
+};
 
-TIMER_ROWS(hnetd, "timer", "hnetd");
-TIMER_ROWS_MORE(hnetd, "timer", "hnetd");
-TIMER_ROWS(delta_list, "timer", "floor");
-TIMER_ROWS_MORE(delta_list, "timer", "floor");
-TIMER_ROWS(multimap, "timer", "std::multimap");
-TIMER_ROWS_MORE(multimap, "timer", "std::multimap");
+} // namespace

@@ -34,7 +34,7 @@ struct delta_list {
     {
         std::vector<node*> order;
         sequence random(5);
-        pool.resize(TIMERS_MAX + TIMERS_OWN);
+        pool.resize(static_cast<size_t>(TIMERS_MAX + TIMERS_OWN));
         for (node& each : pool) {
             order.push_back(&each);
             std::swap(order.back(), order[random.below(static_cast<uint32_t>(order.size()))]);

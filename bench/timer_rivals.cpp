@@ -13,7 +13,7 @@
 
 namespace {
 
-constexpr size_t COUNT = TIMERS_MAX + TIMERS_OWN;
+const size_t COUNT = static_cast<size_t>(TIMERS_MAX + TIMERS_OWN);
 
 size_t index_of(int number)
 {
@@ -168,15 +168,10 @@ struct glib {
     void pass() { g_main_context_iteration(context, FALSE); }
 };
 
+[[maybe_unused]] const bool added[] = {
+    add_timers<libevent>("libevent"),    add_timers<libuv>("libuv"),
+    add_timers<asio>("Boost.Asio"),      add_timers<glib>("GLib"),
+    add_watchdogs<libevent>("libevent"),
+};
+
 } // namespace
-
-TIMER_ROWS(libevent, "timer", "libevent");
-TIMER_ROWS_MORE(libevent, "timer", "libevent");
-TIMER_ROWS(libuv, "timer", "libuv");
-TIMER_ROWS_MORE(libuv, "timer", "libuv");
-TIMER_ROWS(asio, "timer", "Boost.Asio");
-TIMER_ROWS_MORE(asio, "timer", "Boost.Asio");
-TIMER_ROWS(glib, "timer", "GLib");
-TIMER_ROWS_MORE(glib, "timer", "GLib");
-
-TIMER_ROWS(libevent, "watchdog", "libevent");

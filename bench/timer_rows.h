@@ -18,9 +18,15 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstdlib>
 #include <functional>
+#include <string>
 
-constexpr int TIMERS_MAX = 30'000;
+/**
+ * Most that are alive. A process has few or, with HNETD_BENCH_MANY, many: the service's pool is as
+ * large as it was made, and blocks come from all over it.
+ */
+inline const int TIMERS_MAX = getenv("HNETD_BENCH_MANY") != nullptr ? 30'000 : 300;
 constexpr int TIMERS_OWN = 100; // numbers that a run arms besides the live ones
 constexpr uint32_t FAR_FROM = 500'000'000;
 constexpr uint32_t FAR_TO = 2'000'000'000;
@@ -28,7 +34,7 @@ constexpr uint32_t FAR_TO = 2'000'000'000;
 /** Delays of the live timers, latest first, so that a sorted list is filled from its head. */
 inline const std::vector<uint32_t>& far_delays(int live)
 {
-    static std::vector<std::vector<uint32_t>> all(TIMERS_MAX + 1);
+    static std::vector<std::vector<uint32_t>> all(static_cast<size_t>(TIMERS_MAX) + 1);
     std::vector<uint32_t>& delays = all[static_cast<size_t>(live)];
     if (delays.empty()) {
         sequence random(7);
@@ -134,18 +140,41 @@ template <class Service> void fire(benchmark::State& state)
     }
 }
 
-#define TIMER_ROWS(type, row, name)                                                                \
-    BENCHMARK(arm_and_drop<type>)->Name(row ".arm/" name)->Arg(300);                               \
-    BENCHMARK(move_one<type>)->Name(row ".move/" name)->Arg(300);                                  \
-    BENCHMARK(pass_idle<type>)->Name(row ".pass/" name)->ArgsProduct({{30, 300, 3000, 30000}});    \
-    BENCHMARK(fire<type>)                                                                          \
-        ->Name(row ".fire/" name)                                                                  \
-        ->ArgsProduct({{30, 300, 3000, 30000}})                                                    \
-        ->UseManualTime()
+using row_t = void (*)(benchmark::State&);
 
-/** What a watchdog does not have: being asked, and the sizes of the growth curve. */
-#define TIMER_ROWS_MORE(type, row, name)                                                           \
-    BENCHMARK(ask_one<type>)->Name(row ".ask/" name)->Arg(300);                                    \
-    BENCHMARK(arm_and_drop<type>)                                                                  \
-        ->Name(row ".arm/" name)                                                                   \
-        ->ArgsProduct({{30, 100, 1000, 3000, 10000, 30000}})
+/** Registers a row with those of the sizes that this process is for. */
+inline void add_row(row_t row, const std::string& name, const std::vector<int64_t>& sizes,
+                    bool manual_time = false)
+{
+    for (int64_t size : sizes) {
+        if ((size > 300) == (TIMERS_MAX > 300)) {
+            benchmark::internal::Benchmark* added =
+                benchmark::RegisterBenchmark(name.c_str(), row)->Arg(size);
+            if (manual_time) {
+                added->UseManualTime();
+            }
+        }
+    }
+}
+
+/** The rows that timers and watchdogs share. */
+template <class Service> bool add_timer_rows(const std::string& kind, const std::string& who)
+{
+    add_row(move_one<Service>, kind + ".move/" + who, {300});
+    add_row(pass_idle<Service>, kind + ".pass/" + who, {30, 300, 3000, 30000});
+    add_row(fire<Service>, kind + ".fire/" + who, {30, 300, 3000, 30000}, true);
+    return true;
+}
+
+template <class Service> bool add_timers(const std::string& who)
+{
+    add_row(arm_and_drop<Service>, "timer.arm/" + who, {30, 100, 300, 1000, 3000, 10000, 30000});
+    add_row(ask_one<Service>, "timer.ask/" + who, {300});
+    return add_timer_rows<Service>("timer", who);
+}
+
+template <class Service> bool add_watchdogs(const std::string& who)
+{
+    add_row(arm_and_drop<Service>, "watchdog.arm/" + who, {300});
+    return add_timer_rows<Service>("watchdog", who);
+}

@@ -35,8 +35,10 @@ struct hnetd {
     void pass() { process_wdog(); }
 };
 
-} // namespace
+[[maybe_unused]] const bool added[] = {
+    add_watchdogs<hnetd>("hnetd"),
+    add_watchdogs<delta_list>("floor"),
+    add_watchdogs<multimap>("std::multimap"),
+};
 
-TIMER_ROWS(hnetd, "watchdog", "hnetd");
-TIMER_ROWS(delta_list, "watchdog", "floor");
-TIMER_ROWS(multimap, "watchdog", "std::multimap");
+} // namespace
