@@ -83,6 +83,14 @@ int32_t record_count() UNCHECKED
     return count;
 }
 
+bool passes_beside_a_lock_holder() UNCHECKED
+{
+    timers_lock();
+    const bool passes = pass_idle(1);
+    timers_unlock();
+    return passes;
+}
+
 /** Takes the service back to where it is in a new process, but for the next id. */
 void forget_service(uint32_t next_id = 1) UNCHECKED
 {
@@ -407,18 +415,24 @@ TEST_F(TimerTest, ThreadsShareTheService)
     std::atomic<bool> done = false;
     const uint32_t witness = uTimerAdd(COUNT, nullptr, INT32_MAX);
     int32_t passed = 0;
+    EXPECT_FALSE(passes_beside_a_lock_holder());
     std::thread pump([&] {
         for (; !done; passed++) {
             uTimerRun(1);
         }
     });
-    together(3, [&armed](int self) {
+    together(3, [&armed, witness](int self) {
         std::mt19937 random(static_cast<unsigned>(self));
-        for (int round = 0; round < 2000; round++) {
-            const uint32_t id = uTimerAdd(COUNT, nullptr, int32_t(random() % 100));
-            armed += id != 0;
-            uTimerRefresh(id, int32_t(random() % 100));
-            EXPECT_LT(uTimerRemainGet(id), 100);
+        for (int round = 0, left = INT32_MAX; round < 10'000; round++) {
+            const int32_t now = uTimerRemainGet(witness);
+            EXPECT_LE(now, left);
+            left = now;
+            if (round % 16 == 0) {
+                const uint32_t id = uTimerAdd(COUNT, nullptr, int32_t(random() % 100));
+                armed += id != 0;
+                uTimerRefresh(id, int32_t(random() % 100));
+                EXPECT_LT(uTimerRemainGet(id), 100);
+            }
         }
     });
     done = true;
