@@ -168,18 +168,27 @@ static int sleep_long(int, int, int, int, int, int, int, int, int, int)
     return taskDelay(1000);
 }
 
+static void wait_for_threads(int count)
+{
+    while (threads_now() > count) {
+        usleep(1000);
+    }
+}
+
+// In batches, for memory also grows with the number of threads that are there at once.
 static void spawn_and_delete(int count)
 {
     char name[] = "tBench";
     const int before = threads_now();
 
-    for (int i = 0; i < count; i++) {
+    for (int i = 1; i <= count; i++) {
         taskDelete(taskSpawn(name, 100, 0, 8192, reinterpret_cast<FUNCPTR>(sleep_long), 0, 0, 0, 0,
                              0, 0, 0, 0, 0, 0));
+        if (i % 20 == 0) {
+            wait_for_threads(before);
+        }
     }
-    while (threads_now() > before) {
-        usleep(1000);
-    }
+    wait_for_threads(before);
 }
 
 static void measure_deletions()

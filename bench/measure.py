@@ -1,6 +1,7 @@
 """Runs everything that is measured, in one go, and gathers it in one dictionary.
 
-    rows    benchmark name -> {"real": [ns of each repetition], "cpu": [...]}
+    rows    benchmark name -> {"real": [ns of each repetition], "cpu": [...],
+                               "wall": elapsed time counts, "manual": and nothing else can}
     facts   name -> number
     idle    name -> numbers, one of each round
     machine, errors, elapsed
@@ -24,7 +25,7 @@ START_ROUNDS = 15
 TIMERS = 400
 
 # The rows of a process whose timer pool is made for many.
-MANY = "^(timer|watchdog)[.][a-z]+/.*/[0-9]{4,}$|/[0-9]{4,}/manual_time$"
+MANY = "^(timer|watchdog)[.]"
 
 NS = {"ns": 1.0, "us": 1e3, "ms": 1e6, "s": 1e9}
 
@@ -47,7 +48,8 @@ def read_rows(text):
             errors.append(f"{name}: {run['error_message']}")
             continue
         unit = NS[run["time_unit"]]
-        row = rows.setdefault(name, {"real": [], "cpu": [], "wall": "_time" in run["name"]})
+        row = rows.setdefault(name, {"real": [], "cpu": [], "wall": "_time" in run["name"],
+                                     "manual": "manual_time" in run["name"]})
         row["real"].append(run["real_time"] * unit)
         row["cpu"].append(run["cpu_time"] * unit)
     return rows, errors
