@@ -17,7 +17,7 @@ class ProcessState : public RefBase {
     constexpr ProcessState() = default;
     static ProcessState process;
 
-    bool started = false; // atomic
+    [[maybe_unused]] bool started = false; // atomic
 };
 
 } // namespace android

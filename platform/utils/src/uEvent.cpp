@@ -106,15 +106,14 @@ static bool has_lock(void)
     return load_acquire(&semEvent) != nullptr || create_lock();
 }
 
-// Inside an operation the lock is always taken, for a deletion of the caller does not cut it short.
 static void lock_registry(void) ACQUIRES(eventHeld) UNCHECKED
 {
-    semTake(semEvent, WAIT_FOREVER);
+    own_sem_take(semEvent);
 }
 
 static void unlock_registry(void) RELEASES(eventHeld) UNCHECKED
 {
-    semGive(semEvent);
+    own_sem_give(semEvent);
 }
 
 static void free_slots_locked(void) REQUIRES(eventHeld)

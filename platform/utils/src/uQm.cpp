@@ -47,11 +47,11 @@ static void* next_of(void* data)
     return next;
 }
 
-static void* take_head_locked(uQmQueue_t* queue) REQUIRES(queueHeld)
+void* dequeue_locked(uQmQueue_t* queue) REQUIRES(queueHeld)
 {
     void* head = queue->headPtr;
     if (head == nullptr) {
-        return nullptr; // another thread took the last block since the look without the lock
+        return nullptr;
     }
     if (head == queue->tailPtr) {
         store_relaxed<void*>(&queue->headPtr, nullptr);
@@ -61,6 +61,18 @@ static void* take_head_locked(uQmQueue_t* queue) REQUIRES(queueHeld)
     }
     queue->count--;
     return head;
+}
+
+void enqueue_locked(uQmQueue_t* queue, void* block) REQUIRES(queueHeld)
+{
+    set_next(block, nullptr);
+    if (queue->headPtr != nullptr) {
+        set_next(queue->tailPtr, block);
+    } else {
+        store_relaxed(&queue->headPtr, block);
+    }
+    queue->tailPtr = block;
+    queue->count++;
 }
 
 void uQmInit(uQmQueue_t* queueHeader)
@@ -83,14 +95,7 @@ void uQmEnq(uQmQueue_t* queueHeader, void* bufPtr)
     }
     thread_record_t* me = op_enter();
     uQmLock(queueHeader);
-    set_next(bufPtr, nullptr);
-    if (queueHeader->headPtr != nullptr) {
-        set_next(queueHeader->tailPtr, bufPtr);
-    } else {
-        store_relaxed(&queueHeader->headPtr, bufPtr);
-    }
-    queueHeader->tailPtr = bufPtr;
-    queueHeader->count++;
+    enqueue_locked(queueHeader, bufPtr);
     uQmUnlock(queueHeader);
     op_leave(me);
 }
@@ -102,7 +107,7 @@ void* uQmDeq(uQmQueue_t* queueHeader)
     }
     thread_record_t* me = op_enter();
     uQmLock(queueHeader);
-    void* head = take_head_locked(queueHeader);
+    void* head = dequeue_locked(queueHeader);
     uQmUnlock(queueHeader);
     op_leave(me);
     return head;

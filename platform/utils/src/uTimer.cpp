@@ -14,17 +14,18 @@
 //
 // A pass with nothing due does not even lock. idle_word holds what it needs: how long it is until
 // the first timer expires, and how much of that has passed since the gaps were last brought up to
-// date. Whoever locks takes the word away, brings the first gap up to date, and puts a new word
-// there when it is done; a pass that meets no word locks as well.
+// date. Whoever locks to change the list takes the word away, brings the first gap up to date, and
+// puts a new word there when it is done; a pass that meets no word locks as well. Whoever only
+// looks leaves the word alone, and reckons with what has passed.
 //
 // A re-synchronisation takes the whole chain of records away while it walks it, and puts what is
 // left in front of those that were added meanwhile.
 //
 // Locks; none is taken inside another, but for the pool's while it is built:
 //   creation_lock     the creation of the service; timerList is stored last
-//   timerMutex        timerList's content and uTimerId; idle_word is 0 meanwhile. It is the lock of
-//                     the pool's free queue as well: a block taken or given back inside costs no
-//                     second lock
+//   timerMutex        timerList's content and uTimerId; idle_word is 0 while they may change. It is
+//                     the lock of the pool's free queue as well: a block is taken or given back
+//                     inside without a second lock
 //   event_lock        timerEventList, its end, and gTime
 // Log lines and callbacks come after the locks.
 #include "uTimer.h"
@@ -234,6 +235,12 @@ static void timers_unlock(void) RELEASES(timersHeld) UNCHECKED
     own_sem_give(timerMutex);
 }
 
+/** How much has passed since the gaps were brought up to date; the list is not empty. */
+static int64_t idle_passed_locked(void) REQUIRES(timersHeld)
+{
+    return static_cast<int64_t>(load_acquire(&idle_word) >> 32);
+}
+
 static int32_t saturated(int64_t ms)
 {
     return ms > INT32_MAX ? INT32_MAX : static_cast<int32_t>(ms);
@@ -242,8 +249,7 @@ static int32_t saturated(int64_t ms)
 static uTimerNode_t* new_timer_locked(void (*timeout_cb)(void*), void* param, int32_t expires,
                                       uint32_t timerId) REQUIRES(timersHeld)
 {
-    uTimerNode_t* node =
-        static_cast<uTimerNode_t*>(uBmAlloc(&bmMgrTimerPoolHdr, sizeof(uTimerNode_t)));
+    uTimerNode_t* node = static_cast<uTimerNode_t*>(dequeue_locked(&bmMgrTimerPoolHdr.freePoolQ));
     if (node == nullptr) {
         return nullptr;
     }
@@ -253,6 +259,11 @@ static uTimerNode_t* new_timer_locked(void (*timeout_cb)(void*), void* param, in
              .timerId = timerId,
              .link = {.next = nullptr, .element = reinterpret_cast<addr_t>(node)}};
     return node;
+}
+
+static void free_timer_locked(uTimerNode_t* node) REQUIRES(timersHeld)
+{
+    enqueue_locked(&bmMgrTimerPoolHdr.freePoolQ, node);
 }
 
 /** Inserts a node whose expires is its full time left; no timer in front of from expires later. */
@@ -370,7 +381,7 @@ void uTimerDel(uint32_t timerId)
     if (known) {
         uTimerNode_t* node = timer_of(*place.link);
         was_last = unlink_locked(place) == nullptr;
-        uBmFree(node);
+        free_timer_locked(node);
     }
     timers_unlock();
 
@@ -396,7 +407,7 @@ static void refresh_locked(uint32_t timerId, int32_t expires) REQUIRES(timersHel
         return;
     }
     unlink_locked(place);
-    uBmFree(old);
+    free_timer_locked(old);
     if (expires > place.before) {
         insert_from_locked(place, node); // no need to walk from the head again
     } else {
@@ -430,11 +441,13 @@ int32_t uTimerRemainGet(uint32_t timerId)
     int64_t left = 0;
     place_t place;
 
-    timers_lock();
+    own_sem_take(timerMutex);
+    role_taken(timersHeld);
     if (uTimerPositionGet(timerId, &place) >= 0) {
-        left = place.before + timer_of(*place.link)->expires;
+        left = place.before + timer_of(*place.link)->expires - idle_passed_locked();
     }
-    timers_unlock();
+    role_given(timersHeld);
+    own_sem_give(timerMutex);
     op_leave(me);
     return saturated(left);
 }
