@@ -41,7 +41,7 @@ def namespace():
     return ["unshare", "--net", "--mount", *mapped]
 
 
-def run(command):
+def run(command, environment):
     """Runs a command where bench.test resolves; nothing leaves the machine."""
     server = " ".join(f"'{word}'" for word in SERVER)
     with tempfile.NamedTemporaryFile("w", suffix=".conf") as resolv_conf:
@@ -50,4 +50,4 @@ def run(command):
         subprocess.run([*namespace(), "bash", "-c", SCRIPT.format(server=server), "bash",
                         resolv_conf.name, *command],
                        check=True, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
-                       env=dict(os.environ, HNETD_BENCH_DNS="1"))
+                       env=dict(os.environ, HNETD_BENCH_DNS="1", **environment))

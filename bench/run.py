@@ -33,7 +33,7 @@ def main():
     parser.add_argument("build")
     parser.add_argument("--busy", action="store_true")
     parser.add_argument("--record")
-    parser.add_argument("--repetitions", type=int, default=15)
+    parser.add_argument("--repetitions", type=int, default=32)
     parser.add_argument("--from", dest="stored", help="a result.json of an earlier run")
     parser.add_argument("filter", nargs="?", default=".")
     arguments = parser.parse_intermixed_args()
