@@ -322,9 +322,11 @@ static bool has_room(const v2pt_mqueue_t* queue, int pri)
     return room > 0 || (room == 0 && pri == MSG_PRI_URGENT); // 0: the spare slot
 }
 
-static int waiting_on_q_space(const v2pt_mqueue_t* queue, int pri, int* retcode)
+// The spare slot is for urgent messages that come to a full queue: one that has to wait, waits for
+// a slot like any other.
+static int waiting_on_q_space(const v2pt_mqueue_t* queue, int* retcode)
 {
-    if (!is_marked(queue) && !has_room(queue, pri)) {
+    if (!is_marked(queue) && !has_room(queue, MSG_PRI_NORMAL)) {
         return 1;
     }
     *retcode = 0;
@@ -407,12 +409,12 @@ static bool goes_on(const thread_record_t* me, const wait_place_t* place)
 }
 
 // Sleeps until there seems to be room, the queue is marked, or there is no point in going on.
-static void wait_for_space(thread_record_t* me, wait_place_t* place, int pri,
+static void wait_for_space(thread_record_t* me, wait_place_t* place,
                            const struct timespec* deadline)
 {
     pthread_cleanup_push(waitTaskStopWait, place);
     LOCK_SECTION(place->mutex, queueFullHeld);
-    while (waiting_on_q_space(place->queue, pri, &place->retcode) != 0 && goes_on(me, place)) {
+    while (waiting_on_q_space(place->queue, &place->retcode) != 0 && goes_on(me, place)) {
         place->retcode = op_wait(me, place->cond, place->mutex, deadline);
     }
     END_SECTION(queueFullHeld);
@@ -447,7 +449,7 @@ static STATUS waitToSend(thread_record_t* me, v2pt_mqueue_t* queue, int wait, in
     do {
         mqueue_unlock(queue);
         TEST_POINT();
-        wait_for_space(me, &place, pri, deadline);
+        wait_for_space(me, &place, deadline);
         TEST_POINT();
         section_open(&queue->queue_lock, queueHeld);
         status = wait_status(me, &place);
