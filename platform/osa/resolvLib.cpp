@@ -28,6 +28,12 @@ extern "C" {
 char* uStrnSafeCopy(char* dst, size_t size, const char* src, size_t count);
 }
 
+#if defined(__BIONIC__)
+// Android's C library has it under this name alone, and in no header.
+extern "C" int __dn_skipname(const u_char* comp_dn, const u_char* eom);
+#define dn_skipname __dn_skipname
+#endif
+
 static constexpr size_t SERVICE_SIZE = 32; // compared part of a NAPTR service field, terminated
 
 /** One SRV record. */

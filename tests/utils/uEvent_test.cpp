@@ -136,7 +136,9 @@ TEST_F(EventTest, RegistrationsAndTheirEnd)
     EXPECT_EQ(uEventCare(nullptr, looks, &param), 1);
     EXPECT_TRUE(care("", 0));
     EXPECT_EQ(uEventCare(text(""), looks, nullptr), 1);
-    EXPECT_EQ(uEventCare(text("e"), nullptr, nullptr), 0);
+    EXPECT_EQ(uEventCare(text("e"), nullptr, nullptr), 1);
+    EXPECT_EQ(raise_to("e"), ""); // somebody cares, with nothing to call
+    EXPECT_EQ(uEventClear(text("e"), nullptr, nullptr), 1);
     EXPECT_EQ(uEventRaise(nullptr, &param, 99), 1);
     EXPECT_EQ(called, "looks 0 ");
     EXPECT_EQ(uEventClear(nullptr, looks, nullptr), 1);

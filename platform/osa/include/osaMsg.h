@@ -137,8 +137,8 @@ extern exLogCallBackFunc exLogCallBack; // null: none; read and written atomical
 STATUS logInit(int fd, int maxMsgs);
 
 /**
- * Makes fd the default descriptor: it replaces the one of the last logFdSet, any others stay. In a
- * full table there is no default afterwards.
+ * Makes fd the default descriptor: it replaces the one of the last logFdSet, any others stay. If
+ * five others are there, there is no default afterwards.
  */
 void logFdSet(int fd);
 

@@ -49,10 +49,11 @@ void uEventUninit(void);
  * Registers a handler for an event, behind those that are there.
  *
  * @param eventProcess  called on every raise; once per event, whatever the handle: registering it
- *                      again changes nothing, logged at debug level
+ *                      again changes nothing, logged at debug level. Null cares for the event, so
+ *                      that a raise finds it, and is not called.
  * @param handle        handed to every call; the registry never looks at it
- * @return 1 registered, or registered before; 0 for a null function, and, logged as an error, when
- *         there are 256 other events or no memory
+ * @return 1 registered, or registered before; 0, logged as an error, when there are 256 other events
+ *         or no memory
  */
 bool_t uEventCare(char* eventName, EVENTPROCESS eventProcess, void* handle);
 

@@ -353,9 +353,6 @@ bool_t uEventCare(char* eventName, EVENTPROCESS eventProcess, void* handle)
 {
     outcome_t outcome = outcome_t::FAILED;
 
-    if (eventProcess == nullptr) {
-        return 0;
-    }
     thread_record_t* me = op_enter();
     if (has_lock()) {
         lock_table();
@@ -413,6 +410,15 @@ bool_t uEventClear(char* eventName, EVENTPROCESS eventProcess, void*)
 
 // ---- Raise ----
 
+// A handler may be null: then somebody cares for the event, and nothing is called.
+static const uEventNode_t* callable_from(const uEventNode_t* node)
+{
+    while (node != nullptr && node->eventProcess == nullptr) {
+        node = node->next;
+    }
+    return node;
+}
+
 // Copies the handlers to few, or to a block when there are more. @return number of handlers, with
 // *copies null if there is no memory for the block
 static size_t copy_handlers_locked(const uEventNode_t* head, copy_t* few, copy_t** copies)
@@ -420,7 +426,8 @@ static size_t copy_handlers_locked(const uEventNode_t* head, copy_t* few, copy_t
 {
     size_t count = 0;
 
-    for (const uEventNode_t* node = head; node != nullptr; node = node->next) {
+    for (const uEventNode_t* node = callable_from(head); node != nullptr;
+         node = callable_from(node->next)) {
         if (count < FEW_HANDLERS) {
             few[count] = {node->handle, node->eventProcess};
         }
@@ -432,7 +439,8 @@ static size_t copy_handlers_locked(const uEventNode_t* head, copy_t* few, copy_t
     }
     copy_t* copy = static_cast<copy_t*>(uMalloc(static_cast<uint32_t>(count * sizeof(copy_t))));
     *copies = copy;
-    for (const uEventNode_t* node = head; node != nullptr && copy != nullptr; node = node->next) {
+    for (const uEventNode_t* node = callable_from(head); node != nullptr && copy != nullptr;
+         node = callable_from(node->next)) {
         *copy++ = {node->handle, node->eventProcess};
     }
     return count;
@@ -483,7 +491,9 @@ static void walk_handlers_locked(const raise_t* raise, uEventNode_t* head) REQUI
     while (walk.next != nullptr && walk.next->serial <= newest) {
         const uEventNode_t* node = walk.next;
         walk.next = node->next;
-        node->eventProcess(raise->eventName, node->handle, raise->eventParam, raise->paramSize);
+        if (node->eventProcess != nullptr) {
+            node->eventProcess(raise->eventName, node->handle, raise->eventParam, raise->paramSize);
+        }
     }
     pthread_cleanup_pop(0);
     walks = walk.outer;
@@ -495,12 +505,14 @@ bool_t uEventRaise(char* eventName, int32_t* eventParam, size_t paramSize)
     copy_t few[FEW_HANDLERS];
     copy_t* copies = nullptr;
     size_t count = 0;
+    bool known = false;
 
     thread_record_t* me = op_enter();
     if (has_lock()) {
         lock_table();
         const int32_t index = uEventSearchHash(eventName);
-        if (index >= 0) {
+        known = index >= 0;
+        if (known) {
             uEventNode_t* head = eventBuffArea_t[index]->head;
             count = copy_handlers_locked(head, few, &copies);
             if (copies == nullptr) {
@@ -509,7 +521,7 @@ bool_t uEventRaise(char* eventName, int32_t* eventParam, size_t paramSize)
         }
         unlock_registry();
     }
-    if (count == 0) {
+    if (!known) {
         __halden_log_print(NXA_LOG_DEBUG, sEventModuleLogTag, "No module care event %s.",
                            eventName != nullptr ? eventName : "");
     } else if (copies == few) {
@@ -518,5 +530,5 @@ bool_t uEventRaise(char* eventName, int32_t* eventParam, size_t paramSize)
         call_block(me, &raise, copies, count);
     }
     op_leave(me);
-    return count != 0;
+    return known;
 }

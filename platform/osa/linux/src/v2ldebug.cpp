@@ -139,6 +139,7 @@ void gdb(void)
         signal(SIGSEGV, SIG_DFL);
         return;
     }
-    while (child > 0 && waitpid(child, nullptr, 0) == -1 && errno == EINTR) {
+    // Without a child of its own, -1, it waits for any.
+    while (waitpid(child, nullptr, 0) == -1 && errno == EINTR) {
     }
 }

@@ -341,12 +341,13 @@ static bool is_zone_character(char c)
            strchr(ZONE_MARKS, c) != nullptr;
 }
 
-// Nothing that ends the single quotes around it in the command, and no line of its own.
+// Nothing that ends the single quotes around it in the command, that is a line of its own, or that
+// echo takes for an option.
 static bool is_zone(const char* text)
 {
     const size_t length = strnlen(text, ZONE_MAX + 1);
 
-    if (length == 0 || length > ZONE_MAX) {
+    if (length == 0 || length > ZONE_MAX || text[0] == '-') {
         return false;
     }
     for (size_t i = 0; i < length; i++) {
