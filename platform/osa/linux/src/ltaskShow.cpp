@@ -26,6 +26,7 @@
 
 static constexpr int TEXT_SIZE = 256; // of what is read from a file, terminator included
 static constexpr int PATH_SIZE = 64;
+static constexpr int THREAD_ID_SIZE = 12; // an int in decimal
 static constexpr int MAX_REGISTERED = sizeof taskStatus / sizeof taskStatus[0];
 
 static constexpr char CMDLINE_COPY[] = "/tmp/cmdline";
@@ -54,6 +55,7 @@ typedef struct {
     int count;
     int found;
     bool stopped; // one is dead, a zombie or stopped
+    bool listed;  // the listing has been walked, and said what could not be read
 } thread_check_t;
 
 // ---- A process by its name ----
@@ -234,15 +236,17 @@ static bool all_found(const status_line_t* lines, int count)
 }
 
 // Finds the lines with the given keys, whatever their order, and the first word of each value.
-// Says why where that fails.
-static bool read_status(const char* path, status_line_t* lines, int count)
+// Says why where that fails, unless it is quiet.
+static bool read_status(const char* path, status_line_t* lines, int count, bool quiet)
 {
     char text[TEXT_SIZE];
     bool at_start = true; // of a line; a long one comes in pieces
 
     FILE* file = fopen(path, "re");
     if (file == nullptr) {
-        printf("file=%s open failed!\n", path);
+        if (!quiet) {
+            printf("file=%s open failed!\n", path);
+        }
         return false;
     }
     while (!all_found(lines, count) && fgets(text, sizeof text, file) != nullptr) {
@@ -252,11 +256,11 @@ static bool read_status(const char* path, status_line_t* lines, int count)
         at_start = strchr(text, '\n') != nullptr;
     }
     fclose(file);
-    if (!all_found(lines, count)) {
+    const bool complete = all_found(lines, count);
+    if (!complete && !quiet) {
         printf("file read error!\n");
-        return false;
     }
-    return true;
+    return complete;
 }
 
 // True when the process's status can be read and its name is the given one, if there is one.
@@ -266,7 +270,7 @@ static bool process_is(int pid, const char* name)
     status_line_t line = {"Name:", "", false};
 
     snprintf(path, sizeof path, "/proc/%d/status", pid);
-    return read_status(path, &line, 1) && (name == nullptr || strcmp(line.value, name) == 0);
+    return read_status(path, &line, 1, false) && (name == nullptr || strcmp(line.value, name) == 0);
 }
 
 // Marks the first entry of this id that is not marked yet. Returns its index, or count.
@@ -296,7 +300,7 @@ static void check_thread(thread_check_t* check, const char* tid)
             continue;
         }
         snprintf(path, sizeof path, "/proc/%d/task/%.20s/status", check->pid, tid);
-        if (!read_status(path, lines, 2)) {
+        if (!read_status(path, lines, 2, check->listed)) {
             continue;
         }
         i = mark_thread(check, atoi(lines[1].value));
@@ -329,6 +333,21 @@ static bool check_directory(thread_check_t* check)
     return true;
 }
 
+// The listing may pass over a thread when its neighbour ends: who was not found is looked for by
+// id.
+static void check_unlisted(thread_check_t* check)
+{
+    char tid[THREAD_ID_SIZE];
+
+    check->listed = true;
+    for (int i = 0; i < check->count; i++) {
+        if (check->threads[i].exist == 0) {
+            snprintf(tid, sizeof tid, "%d", check->threads[i].threadId);
+            check_thread(check, tid);
+        }
+    }
+}
+
 static int check_threads(thread_record_t* me, const char* name, thread_check_t* check)
 {
     for (int i = 0; i < check->count; i++) {
@@ -344,6 +363,9 @@ static int check_threads(thread_record_t* me, const char* name, thread_check_t* 
     }
     if (!process_is(check->pid, name) || !check_directory(check)) {
         return 0;
+    }
+    if (!check->stopped) {
+        check_unlisted(check);
     }
     if (check->stopped) {
         return check->pid;
