@@ -400,7 +400,7 @@ TEST_F(DeletionStress, LeavesNothingBehind)
     std::printf("deletion took effect within %ld us, a sleep ended within %ld us (99 %%)\n",
                 static_cast<long>(took / 1000), static_cast<long>(late / 1000));
     if (PLAIN) { // a busy machine delays both
-        EXPECT_LT(took, 10000000 + 10 * late);
+        EXPECT_LT(took, 10000000 + 30 * late);
     }
     for (SEM_ID id : {empty_sem, busy_sem, held_mutex}) {
         semDelete(id);

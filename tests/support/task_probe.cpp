@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <fcntl.h>
 #include <mutex>
 #include <pthread.h>
 #include <sys/mman.h>
@@ -122,6 +123,7 @@ stdout_capture::stdout_capture()
     fflush(nullptr);
     saved = dup(STDOUT_FILENO);
     file = memfd_create("stdout", 0);
+    fcntl(file, F_SETFL, O_APPEND); // such a file has no lock for its position
     dup2(file, STDOUT_FILENO);
 }
 
