@@ -17,6 +17,7 @@ set(HNETD_SOURCES
   platform/osa/linux/src/lsemLib.cpp
   platform/osa/linux/src/lstLib.cpp
   platform/osa/linux/src/ltaskLib.cpp
+  platform/osa/linux/src/ltaskLock.cpp
   platform/osa/linux/src/ltaskShow.cpp
   platform/osa/linux/src/lthrPool.cpp
   platform/osa/linux/src/lutils.cpp

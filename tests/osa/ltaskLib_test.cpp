@@ -321,6 +321,56 @@ TEST_F(TaskTest, DeletionEndsEveryWait)
     EXPECT_EQ(semDelete(mutex), OK);
 }
 
+static std::atomic<int> locked_in_handler;
+
+static void lock_tasks(void*)
+{
+    locked_in_handler = taskLock();
+    taskUnlock();
+}
+
+// While a task blocks the signal, operations it calls neither end it nor give up. Handlers that it
+// pushed may wait, too.
+TEST_F(TaskTest, ABlockedSignalHoldsTheEndOffAndHandlersMayWait)
+{
+    SEM_ID token = semBCreate(0, SEM_EMPTY);
+    std::atomic<bool> deleted{false};
+    std::atomic<int> taken{77};
+    probe p;
+    locked_in_handler = 77;
+    const taskId_t id = spawn([&] {
+        sigset_t signals;
+        sigemptyset(&signals);
+        sigaddset(&signals, SIGUSR1);
+        pthread_cleanup_push(lock_tasks, nullptr);
+        pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+        probe_attach(&p);
+        while (!deleted) {
+            taskIdVerify(0);
+        }
+        taken = semTake(token, WAIT_FOREVER);
+        pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
+        taken = 78;
+        pthread_cleanup_pop(0);
+    });
+    ASSERT_TRUE(eventually([&] { return p.running.load(); }));
+    stdout_capture quiet;
+    taskLock();
+    EXPECT_EQ(taskDelete(id), OK);
+    deleted = true;
+    usleep(5000);
+    EXPECT_EQ(taken, 77);
+    semGive(token);
+    EXPECT_TRUE(eventually([&] { return taken == OK; }));
+    usleep(5000);
+    EXPECT_EQ(locked_in_handler, 77);
+    taskUnlock();
+    EXPECT_TRUE(eventually([&] { return p.ended.load(); }));
+    EXPECT_EQ(locked_in_handler, OK);
+    EXPECT_EQ(taken, OK);
+    semDelete(token);
+}
+
 TEST_F(TaskTest, SignalFromOutsideEndsWhoeverReceivesIt)
 {
     spawn([] {}); // installs the handler

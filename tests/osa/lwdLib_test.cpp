@@ -271,9 +271,19 @@ static int stay(int, int, int, int, int, int, int, int, int, int)
 static void restart(taskId_t id)
 {
     pthread_mutex_lock(&task_list_lock);
-    task_t* block = task_for(id);
+    selfRestart(task_for(id)); // the lock keeps the block
     pthread_mutex_unlock(&task_list_lock);
-    selfRestart(block);
+}
+
+static std::atomic<int> runs;
+
+static int restart_and_exit(int, int, int, int, int, int, int, int, int, int)
+{
+    if (runs++ == 0) {
+        restart(taskIdSelf());
+        pthread_exit(nullptr);
+    }
+    return stay(0, 0, 0, 0, 0, 0, 0, 0, 0, 0);
 }
 
 TEST_F(WatchdogTest, RestartsPendingTogetherEachStartTheirTask)
@@ -305,9 +315,40 @@ TEST_F(WatchdogTest, RestartsPendingTogetherEachStartTheirTask)
     restart(anew);
     fail_nothing();
     EXPECT_EQ(taskIdVerify(anew), OK);
+    process_wdog(); // nothing pending
     leave = true;
     EXPECT_TRUE(eventually([=] { return thread_count() == threads; }));
     EXPECT_EQ(taskNameToId(names[0]), 0U);
+}
+
+// The block stays for the restart, and goes with a deletion or when there is no thread to be had.
+TEST_F(WatchdogTest, ARestartOutlivesTheThreadThatAskedForIt)
+{
+    char name[] = "tAgain";
+    const FUNCPTR entry = reinterpret_cast<FUNCPTR>(restart_and_exit);
+    const int threads = threads_at_rest();
+    enum : int { RESTARTED, DELETED, NO_THREAD, OUTCOMES };
+    for (int outcome = RESTARTED; outcome < OUTCOMES; outcome++) {
+        runs = 0;
+        leave = false;
+        const taskId_t id = taskSpawn(name, 1, 0, 0, entry, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0);
+        ASSERT_TRUE(eventually([&] { return runs == 1 && thread_count() == threads; }));
+        EXPECT_EQ(taskNameToId(name), id);
+        EXPECT_EQ(taskIdVerify(id), OK);
+        if (outcome == DELETED) {
+            EXPECT_EQ(taskDelete(id), OK);
+        }
+        fail_thread(outcome == NO_THREAD ? 1 : 0);
+        process_wdog();
+        fail_nothing();
+        if (outcome == RESTARTED) {
+            begun.acquire();
+            leave = true;
+            EXPECT_TRUE(eventually([&] { return thread_count() == threads; }));
+        }
+        EXPECT_EQ(taskNameToId(name), 0U);
+        EXPECT_EQ(counts(), "");
+    }
 }
 
 // ---- Many threads ----

@@ -90,9 +90,12 @@ unsigned long wdAdjust(struct timeval t1, struct timeval t2);
  * its beginning, on a new thread with a new id, on the same control block. Any number of restarts
  * may be pending. Without memory nothing happens.
  *
- * @param restart_task  block of a live task; the caller sees to it that the task's thread ends, and
- *                      that the block exists during the call. A task that is gone by the next tick
- *                      is not restarted.
+ * The caller sees to it that the task's thread ends. It may end before the tick, by pthread_exit:
+ * the task keeps its block and its id until then. A task that is deleted, or whose entry returns, is
+ * gone and not restarted.
+ *
+ * @param restart_task  block of a live task, which exists during the call: it is the caller's own,
+ *                      or the caller holds task_list_lock
  */
 void selfRestart(task_t* restart_task);
 

@@ -134,10 +134,16 @@ thread_record_t* own_record(void);
 /** Ends the calling thread, which was deleted: message, cleanup handlers, pthread_exit. */
 [[noreturn]] void thread_end(thread_record_t* me);
 
-/** 1 once the calling thread was told to end. */
+/** The calling thread was told to end, and is at a safe point: ends it unless it blocks SIGUSR1. */
+void thread_end_if_let(thread_record_t* me);
+
+/** Whether the calling thread blocks SIGUSR1, as a library may while it holds locks of its own. */
+bool end_held_off(void);
+
+/** Whether the calling thread is to end: it was told so, and does not hold its end off. */
 static inline bool end_asked(const thread_record_t* me)
 {
-    return load_acquire(&me->pending) != 0;
+    return __builtin_expect(load_acquire(&me->pending) != 0, 0) && !end_held_off();
 }
 
 /** Enters an operation; its thread cannot be ended until the matching op_leave. */
@@ -160,7 +166,7 @@ static inline void op_leave(thread_record_t* me)
     store_relaxed(&me->depth, depth);
     __atomic_signal_fence(__ATOMIC_SEQ_CST);
     if (depth == 0 && __builtin_expect(load_relaxed(&me->pending) != 0, 0)) {
-        thread_end(me);
+        thread_end_if_let(me);
     }
 }
 
@@ -241,6 +247,9 @@ void recursive_mutex_init(pthread_mutex_t* mutex, pthread_mutexattr_t* attr);
 [[nodiscard]] bool task_lock_take(thread_record_t* me);
 void task_lock_give(void);
 
+/** Lets the task lock go, however nested, if the calling thread, which ends, has it. */
+void task_lock_leave(void);
+
 /**
  * A module takes and gives its own mutual-exclusion semaphore inside an operation: what semTake and
  * semGive come to there, without the calls and without the slices of a task's take.
@@ -265,6 +274,16 @@ void zone_local_time(time_t when, struct tm* local);
  * @return 0, or an errno value with the block as it was
  */
 int task_thread_start(task_t* task) REQUIRES(taskListHeld);
+
+/**
+ * A restart of a task is to come, or is not after all. A block with one to come stays in the list
+ * when its thread ends, unless the entry returned. The caller sees to it that the block exists.
+ */
+void task_restart_expected(task_t* task);
+void task_restart_called_off(task_t* task);
+
+/** The restart of the task that had this id has come; nothing if the task is gone meanwhile. */
+void task_restart_due(taskId_t id);
 
 // ---- Start-up frame ----
 

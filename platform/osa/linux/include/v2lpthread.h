@@ -31,7 +31,8 @@ typedef struct task_s {
     int parms[10];
     int vxw_priority;             // as passed to taskSpawn
     struct task_s* nxt_task;      // next in spawn order
-    struct thread_record* record; // the thread behind the block; the block holds a reference
+    struct thread_record* record; // the thread behind the block, with a reference; null: it ended
+    int restarts;                 // pending ones, with which the block outlives its thread; atomic
 } task_t;
 
 /** Kinds of semaphore, the values of v2lsem_t::flags. */

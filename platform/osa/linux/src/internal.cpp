@@ -113,10 +113,27 @@ void thread_end(thread_record_t* me)
 
     me->ending = 1;
     store_relaxed(&me->depth, me->depth + 1); // never 0 again
+    store_relaxed(&me->pending, 0);           // handlers may wait: nobody asks a second time
     __atomic_signal_fence(__ATOMIC_SEQ_CST);
     // Not printf: the signal may have come while this thread held the lock of the stream.
     [[maybe_unused]] const ssize_t written = write(STDOUT_FILENO, message, sizeof message - 1);
     pthread_exit(nullptr);
+}
+
+bool end_held_off(void)
+{
+    sigset_t blocked;
+
+    pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
+    return sigismember(&blocked, SIGUSR1) == 1;
+}
+
+// The signal is on its way, too, and ends the thread once it is let in.
+void thread_end_if_let(thread_record_t* me)
+{
+    if (!end_held_off()) {
+        thread_end(me);
+    }
 }
 
 // ---- Waiting ----
@@ -175,22 +192,20 @@ static int lock_for_a_slice(pthread_mutex_t* mutex)
 
 bool op_lock(thread_record_t* me, pthread_mutex_t* mutex)
 {
-    if (pthread_mutex_trylock(mutex) == 0) {
-        return true;
-    }
     if (me->depth > 1) {
         // Inside another operation, which counts on the lock and holds it for a moment only.
         pthread_mutex_lock(mutex);
         return true;
     }
-    while (!end_asked(me)) {
+    int result = pthread_mutex_trylock(mutex);
+    while ((result == EBUSY || result == ETIMEDOUT) && !end_asked(me)) {
         TEST_POINT();
-        if (lock_for_a_slice(mutex) != 0) {
-            continue;
-        }
-        if (!end_asked(me)) {
-            return true;
-        }
+        result = lock_for_a_slice(mutex);
+    }
+    if (!end_asked(me)) {
+        return true; // taken, or the holder took it as often as the C library can count
+    }
+    if (result == 0) {
         pthread_mutex_unlock(mutex);
     }
     return false;

@@ -1,17 +1,15 @@
-// Tasks: named threads, the list of their control blocks, deletion by signal, and the task lock.
+// Tasks: named threads, the list of their control blocks, and deletion by signal.
 //
 // A block is linked before task_list_lock is let go, and its thread first of all takes that lock:
 // a task always finds itself, unless it was deleted before it began. The list owns the blocks;
 // whoever unlinks one frees it. A thread copies from its block what it needs and never looks at
 // it again, so a deleter need not wait for it. Only a listed block's thread is signalled, under
-// task_list_lock, and a task takes its block out before its thread can end: no signal ever goes
+// task_list_lock, and a task parts with its block before its thread can end: no signal ever goes
 // to an id that is no longer a thread, or is another one by now.
 //
 // Locks, outermost first:
-//   v2pthread_task_lock       locker, taskLock_level; waiters sleep on taskLock_change
 //   task_list_lock            task_list and every block in it
 //   malloc_lock, free_lock    one allocation each, never held together
-// taskLock() returns holding none of them: the task lock is the value of locker.
 #include "osaTask.h"
 
 #include "internal.h"
@@ -31,15 +29,6 @@ static constexpr size_t THREAD_NAME_SIZE = 16; // of the system, terminator incl
 
 task_t* task_list GUARDED_BY(taskListHeld) = nullptr; // in spawn order
 pthread_mutex_t task_list_lock = PTHREAD_MUTEX_INITIALIZER;
-pthread_mutex_t v2pthread_task_lock = PTHREAD_MUTEX_INITIALIZER;
-
-static pthread_t locker GUARDED_BY(taskLockHeld) = 0; // 0: the task lock is free
-static unsigned long taskLock_level GUARDED_BY(taskLockHeld) = 0;
-static pthread_cond_t taskLock_change = PTHREAD_COND_INITIALIZER;
-
-// Set for a thread that is no task while it may hold the task lock; its destructor lets go.
-static pthread_key_t plain_locker_key;
-static pthread_once_t plain_locker_once = PTHREAD_ONCE_INIT;
 
 /** What a new thread takes from its block. */
 typedef struct {
@@ -84,22 +73,29 @@ task_t* my_task(void) REQUIRES(taskListHeld)
     const pthread_t self = pthread_self();
 
     task_t* task = task_list;
-    while (task != nullptr && task->pthrid != self) {
+    while (task != nullptr && (task->pthrid != self || task->record == nullptr)) {
         task = task->nxt_task;
     }
     return task;
 }
 
+// A block that waits for its restart may share its id with a later thread, which comes first.
 task_t* task_for(taskId_t taskid) REQUIRES(taskListHeld)
 {
+    task_t* waiting = nullptr;
+
     if (taskid == 0) {
         return my_task();
     }
-    task_t* task = task_list;
-    while (task != nullptr && task->pthrid != taskid) {
-        task = task->nxt_task;
+    for (task_t* task = task_list; task != nullptr; task = task->nxt_task) {
+        if (task->pthrid == taskid && task->record != nullptr) {
+            return task;
+        }
+        if (task->pthrid == taskid) {
+            waiting = task;
+        }
     }
-    return task;
+    return waiting;
 }
 
 static void append_block_locked(task_t* task) REQUIRES(taskListHeld)
@@ -111,16 +107,13 @@ static void append_block_locked(task_t* task) REQUIRES(taskListHeld)
     *link = task;
 }
 
-static task_t* unlink_block_locked(taskId_t id) REQUIRES(taskListHeld)
+static void unlink_block_locked(task_t* task) REQUIRES(taskListHeld)
 {
-    for (task_t** link = &task_list; *link != nullptr; link = &(*link)->nxt_task) {
-        task_t* task = *link;
-        if (task->pthrid == id) {
-            *link = task->nxt_task;
-            return task;
-        }
+    task_t** link = &task_list;
+    while (*link != task) {
+        link = &(*link)->nxt_task;
     }
-    return nullptr;
+    *link = task->nxt_task;
 }
 
 // A block that is in no list, with its reference to the record.
@@ -143,11 +136,36 @@ static void task_delete(taskId_t tid)
     task_t* task = nullptr;
 
     LOCK_SECTION(&task_list_lock, taskListHeld);
-    task = unlink_block_locked(tid);
+    task = task_for(tid);
+    if (task != nullptr) {
+        unlink_block_locked(task);
+    }
     END_SECTION(taskListHeld);
 
     if (task != nullptr) {
         free_block(task);
+    }
+}
+
+// The calling thread ends: its block goes as well, or stays without a thread if a restart is to
+// come.
+static void part_with_block(void)
+{
+    task_t* gone = nullptr;
+
+    LOCK_SECTION(&task_list_lock, taskListHeld);
+    task_t* task = my_task();
+    if (task != nullptr && load_relaxed(&task->restarts) > 0) {
+        record_drop(task->record);
+        task->record = nullptr;
+    } else if (task != nullptr) {
+        unlink_block_locked(task);
+        gone = task;
+    }
+    END_SECTION(taskListHeld);
+
+    if (gone != nullptr) {
+        free_block(gone);
     }
 }
 
@@ -199,18 +217,7 @@ static void prepare_deletion_locked(void) REQUIRES(taskListHeld)
 #endif
 }
 
-static void release_task_lock(void)
-{
-    LOCK_SECTION(&v2pthread_task_lock, taskLockHeld);
-    if (locker == pthread_self()) {
-        taskLock_level = 0;
-        locker = 0;
-        pthread_cond_broadcast(&taskLock_change);
-    }
-    END_SECTION(taskLockHeld);
-}
-
-// Whatever way a task's thread ends. Its block is taken out first: no deleter finds the thread
+// Whatever way a task's thread ends. It parts with its block first: no deleter finds the thread
 // from here on.
 static void task_wrapper_cleanup(void*)
 {
@@ -218,20 +225,9 @@ static void task_wrapper_cleanup(void*)
     thread_record_t* me = self_record;
 
     TEST_POINT();
-    task_delete(pthread_self());
-    release_task_lock();
+    part_with_block();
+    task_lock_leave();
     record_retire(me);
-}
-
-static void plain_locker_gone(void*)
-{
-    ending_enter();
-    release_task_lock();
-}
-
-static void create_plain_locker_key(void)
-{
-    pthread_key_create(&plain_locker_key, plain_locker_gone);
 }
 
 // ---- A task's thread ----
@@ -274,6 +270,7 @@ static void run_entry(thread_record_t* me, const task_start_t* start)
     callout_begin(me);
     start->entry(p[0], p[1], p[2], p[3], p[4], p[5], p[6], p[7], p[8], p[9]);
     callout_end(me);
+    task_delete(0); // an entry that returns takes its block with it, restart or not
     pthread_cleanup_pop(1);
 }
 
@@ -320,6 +317,7 @@ int task_thread_start(task_t* task)
     prepare_deletion_locked();
     task->record = record;
     task->pthrid = 0;
+    store_relaxed(&task->restarts, 0); // others still pending name the task by its old id
     // The thread inherits the mask and opens it once it can be ended safely.
     sigemptyset(&exit_signal);
     sigaddset(&exit_signal, SIGUSR1);
@@ -336,6 +334,48 @@ int task_thread_start(task_t* task)
         record_drop(old_record);
     }
     return 0;
+}
+
+// ---- Restarts ----
+
+void task_restart_expected(task_t* task)
+{
+    __atomic_add_fetch(&task->restarts, 1, __ATOMIC_RELAXED);
+}
+
+void task_restart_called_off(task_t* task)
+{
+    __atomic_sub_fetch(&task->restarts, 1, __ATOMIC_RELAXED);
+}
+
+static task_t* expecting_restart_locked(taskId_t id) REQUIRES(taskListHeld)
+{
+    task_t* task = task_list;
+    while (task != nullptr && (task->pthrid != id || load_relaxed(&task->restarts) == 0)) {
+        task = task->nxt_task;
+    }
+    return task;
+}
+
+void task_restart_due(taskId_t id)
+{
+    task_t* given_up = nullptr;
+
+    LOCK_SECTION(&task_list_lock, taskListHeld);
+    task_t* task = expecting_restart_locked(id);
+    if (task != nullptr) {
+        task_restart_called_off(task);
+        const bool started = task_thread_start(task) == 0;
+        if (!started && task->record == nullptr && load_relaxed(&task->restarts) == 0) {
+            unlink_block_locked(task); // no thread would ever take it out
+            given_up = task;
+        }
+    }
+    END_SECTION(taskListHeld);
+
+    if (given_up != nullptr) {
+        free_block(given_up);
+    }
 }
 
 // ---- Spawn, delay, look-ups ----
@@ -505,130 +545,25 @@ status_t taskPrioritySet(taskId_t, int)
     return OK;
 }
 
-// ---- The task lock ----
-
-static bool is_task(void)
-{
-    bool listed = false;
-
-    LOCK_SECTION(&task_list_lock, taskListHeld);
-    listed = my_task() != nullptr;
-    END_SECTION(taskListHeld);
-    return listed;
-}
-
-// Scheduling results are ignored: without the right to raise priorities the lock works as well.
-static void set_own_priority(int policy, int priority)
-{
-    const struct sched_param param = {.sched_priority = priority};
-
-    pthread_setschedparam(pthread_self(), policy, &param);
-}
-
-static void raise_priority(void)
-{
-    struct sched_param param;
-    int policy = 0;
-
-    LOCK_SECTION(&task_list_lock, taskListHeld);
-    if (pthread_getschedparam(pthread_self(), &policy, &param) == 0) {
-        set_own_priority(policy, sched_get_priority_max(policy));
-    }
-    END_SECTION(taskListHeld);
-}
-
-static void restore_priority(void)
-{
-    struct sched_param param;
-    int policy = 0;
-
-    LOCK_SECTION(&task_list_lock, taskListHeld);
-    const task_t* task = task_for(pthread_self());
-    if (task != nullptr && pthread_getschedparam(pthread_self(), &policy, &param) == 0) {
-        set_own_priority(policy, task->prv_priority.sched_priority);
-    }
-    END_SECTION(taskListHeld);
-}
-
-static void unlock_mutex(void* mutex)
-{
-    pthread_mutex_unlock(static_cast<pthread_mutex_t*>(mutex));
-}
-
-static void wait_for_task_lock(thread_record_t* me, pthread_t self) REQUIRES(taskLockHeld)
-{
-    pthread_cleanup_push(unlock_mutex, &v2pthread_task_lock);
-    while (locker != 0 && locker != self && !end_asked(me)) {
-        op_wait(me, &taskLock_change, &v2pthread_task_lock, nullptr);
-    }
-    pthread_cleanup_pop(0);
-}
-
-bool task_lock_take(thread_record_t* me)
-{
-    const pthread_t self = pthread_self();
-    bool taken = false;
-
-    const bool task = is_task();
-    if (!task) {
-        pthread_once(&plain_locker_once, create_plain_locker_key);
-        pthread_setspecific(plain_locker_key, &plain_locker_key);
-    }
-
-    LOCK_SECTION(&v2pthread_task_lock, taskLockHeld);
-    wait_for_task_lock(me, self);
-    taken = locker == 0 || locker == self;
-    if (taken) {
-        locker = self;
-        taskLock_level += taskLock_level + 1 != 0 ? 1 : 0; // saturates
-    }
-    END_SECTION(taskLockHeld);
-
-    if (taken && task) {
-        raise_priority();
-    }
-    return taken;
-}
-
-void task_lock_give(void)
-{
-    LOCK_SECTION(&v2pthread_task_lock, taskLockHeld);
-    if (locker == pthread_self()) {
-        taskLock_level -= taskLock_level != 0 ? 1 : 0;
-        if (taskLock_level == 0) {
-            restore_priority();
-            locker = 0;
-            pthread_cond_broadcast(&taskLock_change);
-        }
-    }
-    END_SECTION(taskLockHeld);
-}
-
-int taskLock(void)
-{
-    thread_record_t* me = op_enter();
-    // Not taken only when the caller is to end: it does in op_leave, unless an operation that
-    // called out with a lock held is around this one.
-    const bool taken = task_lock_take(me);
-    op_leave(me);
-    return taken ? OK : ERROR;
-}
-
-int taskUnlock(void)
-{
-    thread_record_t* me = op_enter();
-    task_lock_give();
-    op_leave(me);
-    return OK;
-}
-
 // ---- Deletion ----
 
 [[noreturn]] static void delete_self(void)
 {
     ending_enter();
-    task_delete(pthread_self());
+    task_delete(0);
     pthread_exit(nullptr);
+}
+
+// Returns a reference to the thread's record, or null if there is no thread any more.
+static thread_record_t* end_thread_of_locked(const task_t* task) REQUIRES(taskListHeld)
+{
+    if (task->record == nullptr) {
+        return nullptr;
+    }
+    record_hold(task->record);
+    record_ask_end(task->record);
+    pthread_kill(task->pthrid, SIGUSR1);
+    return task->record;
 }
 
 int taskDeleteForce(taskId_t tid)
@@ -644,12 +579,10 @@ int taskDeleteForce(taskId_t tid)
     }
     thread_record_t* me = op_enter();
     LOCK_SECTION(&task_list_lock, taskListHeld);
-    task = unlink_block_locked(tid);
+    task = task_for(tid);
     if (task != nullptr) {
-        record = task->record;
-        record_hold(record);
-        record_ask_end(record);
-        pthread_kill(tid, SIGUSR1);
+        unlink_block_locked(task);
+        record = end_thread_of_locked(task);
     }
     END_SECTION(taskListHeld);
 
@@ -660,8 +593,10 @@ int taskDeleteForce(taskId_t tid)
     }
     TEST_POINT();
     free_block(task);
-    record_wake(record);
-    record_drop(record);
+    if (record != nullptr) {
+        record_wake(record);
+        record_drop(record);
+    }
     op_leave(me);
     return OK;
 }

@@ -399,20 +399,22 @@ static int restart_due(void* parm)
     thread_record_t* me = op_enter();
     const taskId_t taskid = wdog->restart_task;
     wdDelete(id_of(wdog));
-    self_starter(taskid);
+    task_restart_due(taskid);
     op_leave(me);
     return 0;
 }
 
+// Takes no task_list_lock: the caller may hold it, to keep the block.
 void selfRestart(task_t* restart_task)
 {
     thread_record_t* me = op_enter();
+    task_restart_expected(restart_task);
     WDOG_ID wdog = wdCreate();
     if (wdog != nullptr) {
-        LOCK_SECTION(&task_list_lock, taskListHeld);
-        record_of(wdog)->restart_task = restart_task->pthrid;
-        END_SECTION(taskListHeld);
+        record_of(wdog)->restart_task = load_relaxed(&restart_task->pthrid);
         wdStart(wdog, 1, reinterpret_cast<FUNCPTR>(restart_due), wdog);
+    } else {
+        task_restart_called_off(restart_task);
     }
     op_leave(me);
 }
