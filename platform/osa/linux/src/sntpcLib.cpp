@@ -61,7 +61,8 @@ static bool wait_for_reply(int sntpSocket, u_int timeout)
     sigemptyset(&exit_signal);
     sigaddset(&exit_signal, SIGUSR1);
     pthread_sigmask(SIG_BLOCK, &exit_signal, &mask);
-    if (!end_asked(self_record)) {
+    // Not end_asked, which looks at the mask of this moment and not at the caller's.
+    if (load_acquire(&self_record->pending) == 0 || sigismember(&mask, SIGUSR1) == 1) {
         ready = ppoll(&readFds, 1, forever ? nullptr : &limit, &mask) > 0;
     }
     pthread_sigmask(SIG_SETMASK, &mask, nullptr);
