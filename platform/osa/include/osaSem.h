@@ -88,7 +88,8 @@ status_t semFlush(SEM_ID semaphorePtr);
  * record is freed when the last of them has left. Takes the task lock and pauses for one tick.
  *
  * The caller makes sure that nobody uses the id afterwards, and that nobody but itself holds or
- * waits for a mutex-kind semaphore.
+ * waits for a mutex-kind semaphore. A give or take that another thread has begun has the tick to
+ * get to the semaphore.
  *
  * @return OK, or ERROR with errno S_objLib_OBJ_ID_ERROR for a null id, and for a semaphore that
  *         another task is deleting at this moment

@@ -16,6 +16,8 @@
 //   - If it is inside the C library at that moment (malloc, printf, a resolver call), a lock of the
 //     C library may stay locked. Allocate with ts_malloc or uMalloc, and delete only tasks that
 //     otherwise wait, sleep or compute.
+//   - Around a lock of its own it blocks SIGUSR1 (pthread_sigmask). Operations that it calls
+//     meanwhile neither end it nor give up; it ends when it lets the signal in again.
 //   - It must not be compiled to throw through or catch around the point where it ends.
 // A SIGUSR1 that somebody else sends ends whichever thread receives it, at its next safe point: one
 // that waits inside an operation goes on waiting first.
