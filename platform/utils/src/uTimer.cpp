@@ -96,6 +96,7 @@ static uint32_t uTimerId GUARDED_BY(timersHeld) = 1;
 static ulist_t* timerEventList GUARDED_BY(eventsHeld) = nullptr; // in order of creation
 static unode_t** timerEventEnd GUARDED_BY(eventsHeld) = nullptr; // where the next one is linked
 static time_t gTime GUARDED_BY(eventsHeld) = 0;                  // second of the previous check
+static uint32_t steps_seen GUARDED_BY(eventsHeld) = 0;           // re-synchronisations so far
 
 // ---- Creation ----
 
@@ -568,7 +569,14 @@ static void put_records_locked(unode_t* chain) REQUIRES(eventsHeld)
     timerEventList->node = chain;
 }
 
-static bool event_list_ready(void)
+/** How long it is until an instant, 0 if that has passed. */
+static int32_t seconds_left(time_t now, time_t timeSec)
+{
+    const int32_t left = seconds_between(now, timeSec);
+    return left > 0 ? left : 0;
+}
+
+static bool event_list_ready(uint32_t* steps)
 {
     bool ready = false;
 
@@ -578,14 +586,21 @@ static bool event_list_ready(void)
         timerEventEnd = timerEventList == nullptr ? nullptr : &timerEventList->node;
     }
     ready = timerEventList != nullptr;
+    *steps = steps_seen;
     END_SECTION(eventsHeld);
     return ready;
 }
 
-/** Arms the timer of a record and links the record, whether or not a timer could be armed. */
-static uint32_t arm_record(uTimerEventInfo_t* record, void* cb, void* param, time_t rawtime)
+/**
+ * Arms the timer of a record and links the record, whether or not a timer could be armed.
+ *
+ * @param steps  re-synchronisations before the clock was read
+ */
+static uint32_t arm_record(uTimerEventInfo_t* record, void* cb, void* param, uint32_t steps)
 {
-    const uint32_t id = uTimerAddSec(cb, param, seconds_between(rawtime, record->timeSec));
+    const time_t timeSec = record->timeSec;
+    const uint32_t id = uTimerAddSec(cb, param, seconds_between(time(nullptr), timeSec));
+    bool stepped = false;
 
     record->timerId = id;
     record->link = {.next = nullptr, .element = reinterpret_cast<addr_t>(record)};
@@ -593,17 +608,23 @@ static uint32_t arm_record(uTimerEventInfo_t* record, void* cb, void* param, tim
     *timerEventEnd = &record->link;
     timerEventEnd = &record->link.next;
     timerEventList->size++;
+    stepped = steps_seen != steps;
     END_SECTION(eventsHeld);
+
+    // The re-synchronisation did not know of this record. It may be gone by now, its timer not.
+    if (stepped) {
+        uTimerRefreshSec(id, seconds_left(time(nullptr), timeSec));
+    }
     return id;
 }
 
 uint32_t uTimerEventAdd(void* cb, void* param, time_t timeSec)
 {
     thread_record_t* me = op_enter();
-    const time_t rawtime = time(nullptr);
+    uint32_t steps = 0;
     uint32_t id = 0;
 
-    if (event_list_ready()) {
+    if (event_list_ready(&steps)) {
         uTimerEventInfo_t* record =
             static_cast<uTimerEventInfo_t*>(uMalloc(sizeof(uTimerEventInfo_t)));
         if (record == nullptr) {
@@ -611,7 +632,7 @@ uint32_t uTimerEventAdd(void* cb, void* param, time_t timeSec)
                                "uTimerEventAdd");
         } else {
             record->timeSec = timeSec;
-            id = arm_record(record, cb, param, rawtime);
+            id = arm_record(record, cb, param, steps);
         }
     }
     op_leave(me);
@@ -641,8 +662,7 @@ static unode_t* resynchronise(unode_t* chain, time_t now)
             uFree(record);
             continue;
         }
-        const int32_t left = seconds_between(now, record->timeSec);
-        uTimerRefreshSec(record->timerId, left > 0 ? left : 0);
+        uTimerRefreshSec(record->timerId, seconds_left(now, record->timeSec));
         link = &record->link.next;
     }
     return chain;
@@ -660,6 +680,7 @@ void checktimeoutCb(uint32_t elapses)
         timerEventList->node = nullptr;
         timerEventList->size = 0;
         timerEventEnd = &timerEventList->node;
+        steps_seen++;
     }
     gTime = now;
     END_SECTION(eventsHeld);
