@@ -161,8 +161,7 @@ task_t* my_task(void);
 task_t* task_for(taskId_t taskid);
 
 /**
- * Start routine of every task thread. The layer starts them: the thread takes on what ends it safely
- * from the block, where taskSpawn and selfRestart have put it.
+ * Start routine of every task thread.
  *
  * @param task  a listed block, whose pthrid the pthread_create that starts the thread fills in with
  *              task_list_lock held

@@ -116,6 +116,7 @@ typedef struct thread_record {
     int pending;               // 1: end at the next safe point; atomic
     int ending;                // 1: the end has begun, the handler is inert; own thread only
     int refs;                  // atomic: control block, thread, a deleter at work; 0 frees
+    int adopted;               // 1: its thread has begun; guarded by task_list_lock
     pthread_mutex_t wait_lock; // guards the two below
     pthread_cond_t* wait_cond; // what the thread waits for; null when it does not wait
     pthread_mutex_t* wait_mutex;

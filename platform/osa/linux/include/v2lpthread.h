@@ -31,8 +31,9 @@ typedef struct task_s {
     int parms[10];
     int vxw_priority;             // as passed to taskSpawn
     struct task_s* nxt_task;      // next in spawn order
-    struct thread_record* record; // the thread behind the block, with a reference; null: it ended
+    struct thread_record* record; // what ends the thread behind the block; with a reference
     int restarts;                 // pending ones, with which the block outlives its thread; atomic
+    int threadless;               // 1: the thread has ended, and a restart is to come
 } task_t;
 
 /** Kinds of semaphore, the values of v2lsem_t::flags. */

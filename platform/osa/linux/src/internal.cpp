@@ -28,6 +28,7 @@ static constinit thread_local thread_record_t plain_record = {
     .pending = 0,
     .ending = 0,
     .refs = 1, // thread-local storage, never freed
+    .adopted = 1,
     .wait_lock = PTHREAD_MUTEX_INITIALIZER,
     .wait_cond = nullptr,
     .wait_mutex = nullptr,

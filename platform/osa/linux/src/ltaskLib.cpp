@@ -73,7 +73,7 @@ task_t* my_task(void) REQUIRES(taskListHeld)
     const pthread_t self = pthread_self();
 
     task_t* task = task_list;
-    while (task != nullptr && (task->pthrid != self || task->record == nullptr)) {
+    while (task != nullptr && (task->pthrid != self || task->threadless != 0)) {
         task = task->nxt_task;
     }
     return task;
@@ -88,7 +88,7 @@ task_t* task_for(taskId_t taskid) REQUIRES(taskListHeld)
         return my_task();
     }
     for (task_t* task = task_list; task != nullptr; task = task->nxt_task) {
-        if (task->pthrid == taskid && task->record != nullptr) {
+        if (task->pthrid == taskid && task->threadless == 0) {
             return task;
         }
         if (task->pthrid == taskid) {
@@ -156,8 +156,7 @@ static void part_with_block(void)
     LOCK_SECTION(&task_list_lock, taskListHeld);
     task_t* task = my_task();
     if (task != nullptr && load_relaxed(&task->restarts) > 0) {
-        record_drop(task->record);
-        task->record = nullptr;
+        task->threadless = 1;
     } else if (task != nullptr) {
         unlink_block_locked(task);
         gone = task;
@@ -232,13 +231,32 @@ static void task_wrapper_cleanup(void*)
 
 // ---- A task's thread ----
 
+// A thread that the layer started finds a record of its own in the block. Whoever calls
+// pthread_create instead leaves the record of the block's earlier thread there, or none.
+static thread_record_t* adopt_record_locked(task_t* task) REQUIRES(taskListHeld)
+{
+    if (task->record == nullptr || task->record->adopted != 0) {
+        thread_record_t* record = record_new();
+        if (record == nullptr) {
+            return nullptr;
+        }
+        if (task->record != nullptr) {
+            record_drop(task->record);
+        }
+        task->record = record;
+    }
+    task->record->adopted = 1;
+    record_hold(task->record);
+    return task->record;
+}
+
 // A reference to the record of the caller's block, or null if the block was deleted already.
 static thread_record_t* adopt_block(task_start_t* start)
 {
     thread_record_t* record = nullptr;
 
     LOCK_SECTION(&task_list_lock, taskListHeld);
-    const task_t* task = my_task();
+    task_t* task = my_task();
     if (task != nullptr) {
         start->entry = task->entry_point;
         memcpy(start->parms, task->parms, sizeof start->parms);
@@ -246,8 +264,7 @@ static thread_record_t* adopt_block(task_start_t* start)
         if (start->named) {
             strncpy(start->name, task->taskname, THREAD_NAME_SIZE - 1);
         }
-        record = task->record;
-        record_hold(record);
+        record = adopt_record_locked(task);
     }
     END_SECTION(taskListHeld);
     return record;
@@ -317,7 +334,6 @@ int task_thread_start(task_t* task)
     prepare_deletion_locked();
     task->record = record;
     task->pthrid = 0;
-    store_relaxed(&task->restarts, 0); // others still pending name the task by its old id
     // The thread inherits the mask and opens it once it can be ended safely.
     sigemptyset(&exit_signal);
     sigaddset(&exit_signal, SIGUSR1);
@@ -330,6 +346,8 @@ int task_thread_start(task_t* task)
         record_drop(record);
         return error;
     }
+    task->threadless = 0;
+    store_relaxed(&task->restarts, 0); // others still pending name the task by its old id
     if (old_record != nullptr) {
         record_drop(old_record);
     }
@@ -366,7 +384,7 @@ void task_restart_due(taskId_t id)
     if (task != nullptr) {
         task_restart_called_off(task);
         const bool started = task_thread_start(task) == 0;
-        if (!started && task->record == nullptr && load_relaxed(&task->restarts) == 0) {
+        if (!started && task->threadless != 0 && load_relaxed(&task->restarts) == 0) {
             unlink_block_locked(task); // no thread would ever take it out
             given_up = task;
         }
@@ -554,14 +572,16 @@ status_t taskPrioritySet(taskId_t, int)
     pthread_exit(nullptr);
 }
 
-// Returns a reference to the thread's record, or null if there is no thread any more.
+// Returns a reference to the thread's record, or null if there is none to be woken.
 static thread_record_t* end_thread_of_locked(const task_t* task) REQUIRES(taskListHeld)
 {
-    if (task->record == nullptr) {
+    if (task->threadless != 0) {
         return nullptr;
     }
-    record_hold(task->record);
-    record_ask_end(task->record);
+    if (task->record != nullptr) {
+        record_hold(task->record);
+        record_ask_end(task->record);
+    }
     pthread_kill(task->pthrid, SIGUSR1);
     return task->record;
 }
