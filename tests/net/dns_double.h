@@ -20,7 +20,6 @@
 static std::mutex dns_lock; // guards the answers and the queries
 static std::map<std::string, std::pair<std::string, int>> dns_answers; // bytes, length claimed
 static std::string dns_queries; // "SRV _sip._udp.x|A host.x|"; "!": without a fresh res_init
-static int dns_query_count;
 static std::function<void()> dns_on_query; // set while nobody asks; runs before the answer
 
 static inline std::string dns_key(const std::string& name, int type)
@@ -30,11 +29,15 @@ static inline std::string dns_key(const std::string& name, int type)
     return types.at(type) + name;
 }
 
+static inline long dns_query_count()
+{
+    return std::count(dns_queries.begin(), dns_queries.end(), '|');
+}
+
 static inline void dns_clear()
 {
     dns_answers.clear();
     dns_queries.clear();
-    dns_query_count = 0;
     dns_on_query = nullptr;
 }
 
@@ -62,7 +65,6 @@ extern "C" int __wrap_res_search(const char* name, int rclass, int type, unsigne
         const std::lock_guard<std::mutex> guard(dns_lock);
         const std::string key = dns_key(name, type);
         dns_queries += (dns_initialised && rclass == 1 ? "" : "!") + key + '|';
-        dns_query_count++;
         if (dns_answers.count(key) != 0) {
             found = dns_answers[key];
         }

@@ -1,4 +1,4 @@
-// Builds DNS answers byte by byte, good ones and bad ones.
+// Builds DNS answers byte by byte, good ones and bad ones. Names point at earlier equal suffixes.
 #pragma once
 
 #include <arpa/inet.h>
@@ -25,12 +25,6 @@ static inline std::string counted(const std::string& text)
 
 class dns_packet {
   public:
-    /** With compression, names point at earlier equal suffixes. */
-    explicit dns_packet(bool compressed = false)
-        : bytes("\0\0\x81\x80\0\0\0\0\0\0\0\0", 12), compressing(compressed)
-    {
-    }
-
     /** Records from here on belong to this section, and count there. */
     dns_packet& section(dns_section s)
     {
@@ -99,7 +93,7 @@ class dns_packet {
                      replacement);
     }
 
-    std::string bytes;
+    std::string bytes{"\0\0\x81\x80\0\0\0\0\0\0\0\0", 12};
     std::vector<std::pair<unsigned, size_t>> ends; // each record's type, and where it ends
 
   private:
@@ -118,7 +112,7 @@ class dns_packet {
     {
         while (!left.empty()) {
             const auto [known, added] = seen.emplace(left, bytes.size());
-            if (!added && compressing) {
+            if (!added) {
                 raw(u16(0xc000U | static_cast<unsigned>(known->second)));
                 return;
             }
@@ -134,7 +128,6 @@ class dns_packet {
         count(s, low + 1); // fewer than 256
     }
 
-    bool compressing;
     dns_section current = ANSWER;
     std::map<std::string, size_t> seen; // suffix to offset
 };

@@ -12,7 +12,6 @@
 #include <net/if.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
-#include <thread>
 #include <unistd.h>
 
 using std::string;
@@ -77,40 +76,25 @@ TEST_F(NameServerTest, Services)
     EXPECT_EQ(look_up("other.hnetd.test", QUERY_NAPTR, SERV_SIP), "");
 }
 
-TEST_F(NameServerTest, FourThreads)
-{
-    std::vector<std::thread> threads;
-    for (int n = 0; n < 4; n++) {
-        threads.emplace_back([] {
-            for (int i = 0; i < 25; i++) {
-                EXPECT_EQ(look_up("sip1.hnetd.test", QUERY_ADDRESS),
-                          "192.0.2.11:0/300 2001:db8::11:0/300 ");
-            }
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
-}
-
 // The server gives this machine's own time.
 TEST(TimeServerTest, TheTimeOfThisMachine)
 {
-    auto seconds = [](const timespec& t) {
+    const auto seconds = [](const timespec& t) {
         return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_nsec) * 1e-9;
+    };
+    const auto own_time = [&] {
+        timespec t;
+        clock_gettime(CLOCK_REALTIME, &t);
+        return seconds(t);
     };
     timespec now = {};
     ASSERT_TRUE(eventually([&] { return osaGetTimeFromSntpServer("::1", 0, &now) == OK; }));
     for (const char* name : {"127.0.0.1", "::1", "clock.hnetd.test", "clock6.hnetd.test"}) {
-        timespec before;
-        timespec after;
-        clock_gettime(CLOCK_REALTIME, &before);
+        const double before = own_time();
         EXPECT_EQ(osaGetTimeFromSntpServer(name, 0, &now), OK) << name;
-        clock_gettime(CLOCK_REALTIME, &after);
-        EXPECT_GT(seconds(now), seconds(before) - 0.01) << name;
-        EXPECT_LT(seconds(now), seconds(after) + 0.01) << name;
+        EXPECT_GT(seconds(now), before - 0.01) << name;
+        EXPECT_LT(seconds(now), own_time() + 0.01) << name;
     }
-    EXPECT_EQ(osaGetTimeFromSntpServer("nobody.hnetd.test", 0, &now), ERROR);
     EXPECT_EQ(osaGetTimeFromSntpServer("192.0.2.99", 0, &now), ERROR); // no way there
 }
 

@@ -4,10 +4,10 @@
 
 #include <arpa/inet.h>
 #include <cstring>
-#include <memory>
 #include <netinet/in.h>
 #include <random>
 #include <unistd.h>
+#include <vector>
 
 using std::string;
 
@@ -39,6 +39,12 @@ static bool scanf_accepts(const char* s)
     return tail[0] == '\0' && d[0] < 256 && d[1] < 256 && d[2] < 256 && d[3] < 256;
 }
 
+static bool is_accepted(const string& s)
+{
+    std::vector<char> copy(s.c_str(), s.c_str() + s.size() + 1); // a read past it is seen
+    return validateIP4Dotted(copy.data()) != 0;
+}
+
 TEST(QuadTest, AcceptsExactlyWhatScanfDoes)
 {
     const char* const parts[] = {"0",    "0001", "255",  "256", "1234", "-0",
@@ -46,36 +52,18 @@ TEST(QuadTest, AcceptsExactlyWhatScanfDoes)
     const char* const tails[] = {"", "\n ", "x", "."};
     const char alphabet[] = "0125.. +-\v\xa0x";
     std::mt19937 random(1);
-    int accepted = 0;
-    int wrong = 0;
 
-    auto check = [&](const string& s) {
-        const std::unique_ptr<char[]> copy(new char[s.size() + 1]); // a read past it is seen
-        memcpy(copy.get(), s.c_str(), s.size() + 1);
-        const bool expected = scanf_accepts(s.c_str());
-        accepted += expected ? 1 : 0;
-        if ((validateIP4Dotted(copy.get()) != 0) != expected && wrong++ < 10) {
-            ADD_FAILURE() << '"' << s << '"';
-        }
-    };
-    for (const char* a : parts) {
-        for (const char* b : parts) {
-            for (const char* c : parts) {
-                for (const char* d : parts) {
-                    for (const char* tail : tails) {
-                        check(string(a) + '.' + b + '.' + c + '.' + d + tail);
-                    }
-                }
-            }
-        }
+    for (int i = 0; i < 11 * 11 * 11 * 11 * 4; i++) {
+        const string s = string(parts[i % 11]) + '.' + parts[i / 11 % 11] + '.' +
+                         parts[i / 121 % 11] + '.' + parts[i / 1331 % 11] + tails[i / 14641];
+        ASSERT_EQ(is_accepted(s), scanf_accepts(s.c_str())) << s;
     }
-    EXPECT_GT(accepted, 500);
     for (int i = 0; i < 50000; i++) {
         string s(random() % 18, '\0');
         for (char& c : s) {
             c = alphabet[random() % (sizeof alphabet - 1)];
         }
-        check(s);
+        ASSERT_EQ(is_accepted(s), scanf_accepts(s.c_str())) << s;
     }
     EXPECT_FALSE(validateIP4Dotted(nullptr));
 }
@@ -90,14 +78,12 @@ TEST(TextTest, ConvertsAsThePlatformParses)
         string back;
     } cases[] = {
         {"192.168.1.1", true, "192.168.1.1"},
-        {"0.0.0.0", true, "0.0.0.0"},
         {"010.1.1.1", true, "8.1.1.1"}, // octal
         {"08.1.1.1", true, ""},         // a quad, but not octal
         {" 1.2.3.4", true, ""},
         {"1.2.3.4 ", true, "1.2.3.4"},
         {"255.255.255.255", true, ""}, // looks like the parser's failure
         {"1.2.3", false, ""},
-        {"::1", true, "::1"},
         {"[2001:db8::1]", true, "2001:db8::1"},
         {"2001:db8::1]", false, ""},
         {"[2001:db8::1", false, ""},
@@ -105,7 +91,6 @@ TEST(TextTest, ConvertsAsThePlatformParses)
         {"[1.2.3.4]", false, ""},
         {"[]", false, ""},
         {"[", false, ""},
-        {"", false, ""},
         {"fe80::1%1", false, ""},
         {longest + "x", false, ""},
         {longest, true, "::ffff:255.255.255.255"},
@@ -141,20 +126,19 @@ TEST(TextTest, ConvertsAsThePlatformParses)
 
 TEST(TextTest, Ipv4TextMatchesThePlatformsAndIsCut)
 {
-    std::mt19937 random(2);
     sockIpAddr_t addr = {};
     addr.ver = IPVER_IPV4;
-    for (int i = 0; i < 20000; i++) {
+    for (unsigned i = 0; i < 256; i++) {
         char expected[INET_ADDRSTRLEN];
-        addr.addr.ip.v4 = i < 256 ? static_cast<uint32_t>(i) * 0x01010101U : random();
+        addr.addr.ip.v4 = i * 0x01010101U;
         inet_ntop(AF_INET, &addr.addr, expected, sizeof expected);
         ASSERT_EQ(text_of(&addr), expected);
     }
     addr = address("192.168.100.200");
     for (size_t size = 1; size <= 17; size++) {
-        const std::unique_ptr<char[]> buf(new char[size]);
-        EXPECT_EQ(sockIpAddrNtop(&addr, buf.get(), size), SEC_OK);
-        EXPECT_EQ(buf.get(), string("192.168.100.200").substr(0, size - 1));
+        std::vector<char> buf(size);
+        EXPECT_EQ(sockIpAddrNtop(&addr, buf.data(), size), SEC_OK);
+        EXPECT_EQ(buf.data(), string("192.168.100.200").substr(0, size - 1));
     }
     char buf[4];
     addr = address("::1");
@@ -187,10 +171,8 @@ TEST(StorageTest, PortsAndAddressesComeBack)
         EXPECT_EQ(sockGetStorageBinaryAddr(&ss, &addr), SEC_OK);
         EXPECT_EQ(text_of(&addr), text);
         EXPECT_EQ(addr.addr.ip.v6[3] == 0xeeeeeeee, ipv4); // the unused bytes stay
-        memcpy(unaligned + 1, &addr.addr, 16);
-        EXPECT_EQ(
-            sockSetStorageByBinaryAddr(SOCK_IPTYPE_OTHER, addr.ver, unaligned + 1, port, &other),
-            SEC_OK);
+        char* const binary = static_cast<char*>(memcpy(unaligned + 1, &addr.addr, 16));
+        sockSetStorageByBinaryAddr(SOCK_IPTYPE_OTHER, addr.ver, binary, port, &other);
         EXPECT_EQ(memcmp(&ss, &other, sizeof ss), 0);
     }
 }
@@ -200,46 +182,39 @@ TEST(StorageTest, WellKnownAddressesAndRefusals)
     const struct {
         int type, version;
         sockErrCode_e result;
-        const char* text; // of what the storage holds then, null: untouched
+        string text; // of what the storage holds then
     } cases[] = {
         {SOCK_IPTYPE_ANY, IPVER_IPV4, SEC_OK, "0.0.0.0"},
         {SOCK_IPTYPE_LOOPBACK, IPVER_IPV4, SEC_OK, "127.0.0.1"},
         {SOCK_IPTYPE_ANY, IPVER_IPV6, SEC_OK, "::"},
         {SOCK_IPTYPE_LOOPBACK, IPVER_IPV6, SEC_OK, "::1"},
-        {SOCK_IPTYPE_OTHER, IPVER_IPV4, SEC_INVALID_ADDR, nullptr},
-        {SOCK_IPTYPE_OTHER, IPVER_IPV6, SEC_INVALID_ADDR, nullptr},
-        {SOCK_IPTYPE_UNSPEC, IPVER_IPV4, SEC_INVALID_PARAM, nullptr},
-        {4, IPVER_IPV6, SEC_INVALID_PARAM, nullptr},
-        {SOCK_IPTYPE_UNSPEC, 3, SEC_UNSPEC, nullptr},
+        {SOCK_IPTYPE_OTHER, IPVER_IPV4, SEC_INVALID_ADDR, "9.9.9.9"}, // untouched
+        {SOCK_IPTYPE_UNSPEC, IPVER_IPV4, SEC_INVALID_PARAM, "9.9.9.9"},
+        {4, IPVER_IPV6, SEC_INVALID_PARAM, "9.9.9.9"},
+        {SOCK_IPTYPE_UNSPEC, 3, SEC_UNSPEC, "9.9.9.9"},
     };
+    char buf[INET6_ADDRSTRLEN];
     for (const auto& c : cases) {
-        sockAddrStorage_t ss;
-        uint16_t port = 7;
-        memset(&ss, 0xee, sizeof ss);
-        const sockAddrStorage_t before = ss;
-        EXPECT_EQ(sockSetStorageByBinaryAddr(static_cast<sockIpType_e>(c.type),
-                                             static_cast<sockIpVer_e>(c.version), nullptr, 123,
-                                             &ss),
-                  c.result)
-            << c.type << ' ' << c.version;
-        if (c.text == nullptr) {
-            EXPECT_EQ(memcmp(&ss, &before, sizeof ss), 0);
-            EXPECT_EQ(sockGetStoragePort(&ss, &port), SEC_UNSPEC);
-            continue;
-        }
-        sockIpAddr_t addr;
-        EXPECT_EQ(sockGetStorageBinaryAddr(&ss, &addr), SEC_OK);
-        EXPECT_EQ(text_of(&addr), c.text);
+        SCOPED_TRACE(c.text);
+        const auto type = static_cast<sockIpType_e>(c.type);
+        const auto version = static_cast<sockIpVer_e>(c.version);
+        sockAddrStorage_t ss = {};
+        uint16_t port = 0;
+        sockSetStorageByStringAddr("9.9.9.9", 9, &ss);
+        EXPECT_EQ(sockSetStorageByBinaryAddr(type, version, nullptr, 123, &ss), c.result);
+        EXPECT_EQ(sockGetStorageStringAddr(&ss, buf, sizeof buf), SEC_OK);
+        EXPECT_EQ(buf, c.text);
         EXPECT_EQ(sockGetStoragePort(&ss, &port), SEC_OK);
-        EXPECT_EQ(port, 123);
+        EXPECT_EQ(port, c.result == SEC_OK ? 123 : 9);
     }
     EXPECT_EQ(sockSetStorageByBinaryAddr(SOCK_IPTYPE_ANY, IPVER_IPV4, nullptr, 1, nullptr),
               SEC_INVALID_PARAM);
 
     sockAddrStorage_t ss = {};
     sockIpAddr_t addr = {};
-    char buf[8];
+    uint16_t port = 0;
     ss.ss_family = AF_UNIX;
+    EXPECT_EQ(sockGetStoragePort(&ss, &port), SEC_UNSPEC);
     EXPECT_EQ(sockGetStoragePort(&ss, nullptr), SEC_INVALID_PARAM);
     EXPECT_EQ(sockSetStoragePort(&ss, 1), SEC_UNSPEC);
     EXPECT_EQ(sockSetStoragePort(nullptr, 1), SEC_INVALID_PARAM);
@@ -248,7 +223,6 @@ TEST(StorageTest, WellKnownAddressesAndRefusals)
     EXPECT_EQ(sockGetStorageStringAddr(&ss, buf, sizeof buf), SEC_UNSPEC);
     EXPECT_EQ(sockGetStorageStringAddr(&ss, buf, 0), SEC_INVALID_PARAM);
     EXPECT_EQ(sockGetStorageIpVer(nullptr), IPVER_UNSPEC);
-    EXPECT_EQ(sockGetStorageFamily(nullptr), 0);
 }
 
 TEST(AddressTest, KindsAndOrder)
@@ -279,37 +253,19 @@ TEST(AddressTest, KindsAndOrder)
     sockIpAddr_t ipv6 = address("::1");
     EXPECT_EQ(sockGetIpAddrType(&none), SOCK_IPTYPE_UNSPEC);
     EXPECT_EQ(sockGetIpAddrType(nullptr), SOCK_IPTYPE_UNSPEC);
-    EXPECT_EQ(sockCompareIpAddr(&ipv4, &ipv6), IPCMP_UNSPEC);
+    for (sockIpAddr_t* other : {&none, &ipv6, static_cast<sockIpAddr_t*>(nullptr)}) {
+        EXPECT_EQ(sockCompareIpAddr(&ipv4, other), IPCMP_UNSPEC);
+        EXPECT_EQ(sockCompareIpAddr(other, &ipv4), IPCMP_UNSPEC);
+    }
     EXPECT_EQ(sockCompareIpAddr(&none, &none), IPCMP_UNSPEC);
-    EXPECT_EQ(sockCompareIpAddr(nullptr, &ipv4), IPCMP_UNSPEC);
-    EXPECT_EQ(sockCompareIpAddr(&ipv4, nullptr), IPCMP_UNSPEC);
 }
 
 TEST(PeerTest, OnlyConnectedInternetSocketsHaveAnAddress)
 {
-    for (const char* text : {"127.0.0.1", "::1"}) {
-        sockAddrStorage_t target = {};
-        sockAddrStorage_t peer;
-        sockIpAddr_t addr = {};
-        ASSERT_EQ(sockSetStorageByStringAddr(text, 4242, &target), SEC_OK);
-        const int fd = socket(target.ss_family, SOCK_DGRAM, 0);
-        memset(&peer, 0xee, sizeof peer);
-        EXPECT_EQ(sockGetPeerName(fd, &peer), SEC_INVALID_PARAM);
-        EXPECT_EQ(peer.ss_family, 0); // cleared all the same
-        EXPECT_EQ(sockGetPeerAddr(fd, &addr), SEC_INVALID_PARAM);
-        if (connect(fd, reinterpret_cast<sockaddr*>(&target), sizeof target) == 0) {
-            memset(&peer, 0xee, sizeof peer);
-            EXPECT_EQ(sockGetPeerName(fd, &peer), SEC_OK);
-            EXPECT_EQ(memcmp(&peer, &target, sizeof peer), 0);
-            EXPECT_EQ(sockGetPeerAddr(fd, &addr), SEC_OK);
-            EXPECT_EQ(text_of(&addr), text);
-        } else {
-            EXPECT_EQ(target.ss_family, AF_INET6); // a machine may lack that
-        }
-        close(fd);
-    }
-    int pair[2];
+    sockAddrStorage_t target = {};
+    sockAddrStorage_t peer;
     sockIpAddr_t addr = address("9.9.9.9");
+    int pair[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
     EXPECT_EQ(sockGetPeerAddr(pair[0], &addr), SEC_UNSPEC);
     EXPECT_EQ(text_of(&addr), "9.9.9.9");
@@ -317,4 +273,18 @@ TEST(PeerTest, OnlyConnectedInternetSocketsHaveAnAddress)
     EXPECT_EQ(sockGetPeerName(pair[0], nullptr), SEC_INVALID_PARAM);
     close(pair[0]);
     close(pair[1]);
+
+    ASSERT_EQ(sockSetStorageByStringAddr("127.0.0.1", 4242, &target), SEC_OK);
+    const int fd = socket(AF_INET, SOCK_DGRAM, 0);
+    memset(&peer, 0xee, sizeof peer);
+    EXPECT_EQ(sockGetPeerName(fd, &peer), SEC_INVALID_PARAM);
+    EXPECT_EQ(peer.ss_family, 0); // cleared all the same
+    EXPECT_EQ(sockGetPeerAddr(fd, &addr), SEC_INVALID_PARAM);
+    ASSERT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&target), sizeof target), 0);
+    memset(&peer, 0xee, sizeof peer);
+    EXPECT_EQ(sockGetPeerName(fd, &peer), SEC_OK);
+    EXPECT_EQ(memcmp(&peer, &target, sizeof peer), 0);
+    EXPECT_EQ(sockGetPeerAddr(fd, &addr), SEC_OK);
+    EXPECT_EQ(text_of(&addr), "127.0.0.1");
+    close(fd);
 }
