@@ -20,7 +20,6 @@ static constexpr int DAEMONS = 60;
 static constexpr int DAEMONS = 200;
 #endif
 static constexpr int AT_A_TIME = 8;
-static constexpr int TASKS = 8;
 static constexpr int EXIT_VALUE = 42;
 
 // The recording double keeps its lines in an object that exit destroys.
@@ -78,13 +77,14 @@ static int busy(int number)
 {
     static char name[] = "tBusy";
 
+    alarm(60);
     queue = msgQCreate(4, 16, 0);
     sem = semMCreate(0);
     exit_value = EXIT_VALUE;
     if (hnetdStart() != 0) {
         _exit(1);
     }
-    for (int i = 0; i < TASKS; i++) {
+    for (int i = 0; i < 8; i++) {
         taskSpawn(name, 0, 0, 0, reinterpret_cast<FUNCPTR>(busy), i, 0, 0, 0, 0, 0, 0, 0, 0, 0);
     }
     usleep(static_cast<useconds_t>(round % 50) * 100);
@@ -103,7 +103,6 @@ TEST(HnetdStopTest, EndsTheProcessUnderBusyTasks)
             EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == EXIT_VALUE) << status;
         }
         if (round < DAEMONS && fork() == 0) {
-            alarm(60);
             run_daemon(round);
         }
     }

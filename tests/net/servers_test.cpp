@@ -7,12 +7,9 @@
 
 #include <algorithm>
 #include <arpa/inet.h>
-#include <csignal>
-#include <cstdlib>
 #include <net/if.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 using std::string;
 
@@ -96,28 +93,6 @@ TEST(TimeServerTest, TheTimeOfThisMachine)
         EXPECT_LT(seconds(now), own_time() + 0.01) << name;
     }
     EXPECT_EQ(osaGetTimeFromSntpServer("192.0.2.99", 0, &now), ERROR); // no way there
-}
-
-// Last: the name server falls silent. With the dot at the end a name is asked for once.
-TEST(SilenceTest, ATaskDeletedInAQueryEndsAfterIt)
-{
-    const pid_t name_server = atoi(getenv("NAME_SERVER"));
-    probe p;
-    kill(-name_server, SIGSTOP);
-    const taskId_t id = spawn([&] {
-        probe_attach(&p);
-        (void)look_up("_sip._udp.hnetd.test.", QUERY_SRV);
-        (void)look_up("two.hnetd.test.", QUERY_ADDRESS);
-        ADD_FAILURE() << "not ended";
-    });
-    EXPECT_TRUE(eventually([&] { return p.running.load(); }));
-    usleep(50000);
-    EXPECT_EQ(taskDelete(id), OK);
-    EXPECT_TRUE(eventually([&] { return p.ended.load(); }));
-
-    EXPECT_EQ(look_up("two.hnetd.test.", QUERY_ADDRESS), "");
-    kill(-name_server, SIGCONT);
-    EXPECT_TRUE(eventually([] { return !look_up("two.hnetd.test.", QUERY_ADDRESS).empty(); }));
 }
 
 static int raise_loopback()

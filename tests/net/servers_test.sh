@@ -28,8 +28,7 @@ shift 2
 
 dir=$(mktemp -d)
 cd "$dir"
-trap 'kill -CONT -- $(jobs -p | sed s/^/-/); kill $(jobs -p); wait; rm -rf "$dir"' EXIT
-set -m # a process group for each server, which the test stops as a whole
+trap 'kill $(jobs -p); wait; rm -rf "$dir"' EXIT
 
 cat >resolv.conf <<'END'
 nameserver 127.0.0.1
@@ -89,7 +88,6 @@ printf '%s\n' 'local stratum 1' 'allow all' 'cmdport 0' "pidfile $dir/chrony.pid
 "$program" --raise-loopback
 export LD_LIBRARY_PATH=$servers/lib
 setpriv --pdeathsig KILL "$servers/nsd" -d -c nsd.conf >nsd.log 2>&1 &
-export NAME_SERVER=$!
 setpriv --pdeathsig KILL "$servers/chronyd" -d -x -u root -f "$dir/chrony.conf" >chrony.log 2>&1 &
 unset LD_LIBRARY_PATH
 "$program" "$@" || { cat nsd.log chrony.log && false; }

@@ -30,7 +30,7 @@ sp<ProcessState> ProcessState::self()
 void ProcessState::startThreadPool()
 {
     TELL("binder: startThreadPool\n");
-    TELL("threads %d\n", thread_count());
+    TELL("threads %ld\n", thread_count());
 }
 
 IPCThreadState* IPCThreadState::self()

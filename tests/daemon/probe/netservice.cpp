@@ -8,6 +8,6 @@ extern "C" int nxaProxyServiceInit(void)
     struct sigaction pipe;
     sigaction(SIGPIPE, nullptr, &pipe);
     TELL("proxy: SIGPIPE %s\n", pipe.sa_handler == SIG_IGN ? "ignored" : "not ignored");
-    TELL("threads %d\n", thread_count());
+    TELL("threads %ld\n", thread_count());
     return -1; // nobody looks at it
 }

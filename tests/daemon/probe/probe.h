@@ -1,7 +1,7 @@
 // What the probe libraries share. They report to the test by lines on standard output.
 #pragma once
 
-#include <dirent.h>
+#include <filesystem>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -25,13 +25,7 @@ static inline bool called_on(const char* thread)
 }
 
 /** Threads of this process. */
-static inline int thread_count()
+static inline long thread_count()
 {
-    int count = 0;
-    DIR* tasks = opendir("/proc/self/task");
-    while (readdir(tasks) != nullptr) {
-        count++;
-    }
-    closedir(tasks);
-    return count - 2; // "." and ".."
+    return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
 }
