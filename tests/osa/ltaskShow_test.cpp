@@ -3,12 +3,12 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstring>
 #include <dirent.h>
 #include <fstream>
 #include <iterator>
 #include <sched.h>
+#include <semaphore>
 #include <signal.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -68,10 +68,8 @@ extern "C" FILE* __wrap_fopen(const char* path, const char* mode)
 
 extern "C" DIR* __wrap_opendir(const char* path)
 {
-    if (closed_directory != nullptr && strstr(path, closed_directory) != nullptr) {
-        return nullptr;
-    }
-    return __real_opendir(lists_nobody ? "/proc/self/ns" : path);
+    const bool closed = closed_directory != nullptr && strstr(path, closed_directory) != nullptr;
+    return closed ? nullptr : __real_opendir(lists_nobody ? "/proc/self/ns" : path);
 }
 
 static int pid_of(std::string name)
@@ -150,27 +148,19 @@ TEST_F(InspectionTest, FindsAProcessByEitherContainment)
     const std::string cat = "cat /proc/" + std::to_string(probe.pid);
     EXPECT_TRUE(ran.ends_with(cat + "/cmdline > /tmp/cmdline;rm /tmp/cmdline;" + cat +
                               "/stat > /tmp/stat;rm /tmp/stat;"));
-    closed_directory = "/proc";
-    EXPECT_EQ(pid_of(name), -1);
-}
-
-TEST_F(InspectionTest, AStatTextThatIsNotOneGivesNoProcess)
-{
-    process probe(unique("hnetdZq"));
-
     for (const std::string text : {"77 (x) S", "77", "", "(x) S", "no file"}) {
         hook = [text](const std::string& command) {
-            const bool stat = command.rfind("cat", 0) == 0 && command.ends_with("/tmp/stat");
-            if (stat && text == "no file") {
-                unlink("/tmp/stat");
-            } else if (stat) {
+            const bool stat = command.starts_with("cat") && command.ends_with("/tmp/stat");
+            if (stat && text != "no file") {
                 write_file("/tmp/stat", text);
             }
             return stat;
         };
-        EXPECT_EQ(pid_of(unique("hnetdZq")), text == "77 (x) S" ? 77 : -1);
+        EXPECT_EQ(pid_of(name), text == "77 (x) S" ? 77 : -1) << text;
         EXPECT_NE(access("/tmp/stat", F_OK), 0);
     }
+    closed_directory = "/proc";
+    EXPECT_EQ(pid_of(name), -1);
 }
 
 TEST_F(InspectionTest, SearchesDoNotMixAndADeletionEndsOne)
@@ -183,44 +173,41 @@ TEST_F(InspectionTest, SearchesDoNotMixAndADeletionEndsOne)
         }
     };
     overlapping = 0;
-    std::thread other(search, "hnetdTwo", two.pid);
+    std::jthread other(search, "hnetdTwo", two.pid);
     search("hnetdOne", one.pid);
     other.join();
     EXPECT_EQ(overlapping, 0);
 
-    probe searching;
     hook = [](const std::string&) { return usleep(20000), false; };
     commands = 0;
+    probe searching;
     const taskId_t task = spawn([&] {
         probe_attach(&searching);
-        pid_of(unique("hnetdNone"));
+        pid_of("hnetdNone");
     });
     ASSERT_TRUE(eventually([] { return commands >= 2; }));
     EXPECT_EQ(taskDelete(task), OK);
     EXPECT_TRUE(eventually([&] { return searching.ended.load(); }));
     const int until_then = commands.exchange(0);
     hook = nullptr;
-    EXPECT_EQ(pid_of(unique("hnetdNone")), -1); // the lock is free
+    EXPECT_EQ(pid_of("hnetdNone"), -1); // the lock is free
     EXPECT_LT(until_then, commands);
 }
 
 // Searches in a child process with a fresh /tmp of a mode, in which somebody did something.
 static void expect_search(pid_t pid, mode_t mode, const std::function<void()>& plant)
 {
-    const pid_t child = fork();
-    if (child == 0) {
-        const std::string victim = unique("hnetdXq") + " (";
-        const bool prepared = private_tmp(mode);
-        write_file("/tmp/victim", victim);
+    const std::string name = unique("hnetdXq");
+    const std::string text = "77 (" + name + ") S"; // would do as either file
+    const auto search = [&] {
+        EXPECT_TRUE(private_tmp(mode));
+        write_file("/tmp/victim", text);
         plant();
-        const bool well = pid_of("hnetdXq" + std::to_string(getppid())) == pid;
-        _exit(prepared && well && !testing::Test::HasFailure() && read_file("/tmp/victim") == victim
-                  ? 0
-                  : 1);
-    }
-    int status = -1;
-    waitpid(child, &status, 0);
-    EXPECT_EQ(status, 0);
+        EXPECT_EQ(pid_of(name), pid);
+        EXPECT_EQ(read_file("/tmp/victim"), text);
+        _exit(testing::Test::HasFailure() ? 1 : 0);
+    };
+    EXPECT_EXIT(search(), testing::ExitedWithCode(0), "");
 }
 
 TEST_F(InspectionTest, NeitherFollowsNorTrustsWhatOthersPlanted)
@@ -231,23 +218,21 @@ TEST_F(InspectionTest, NeitherFollowsNorTrustsWhatOthersPlanted)
     process probe(unique("hnetdXq"));
 
     for (const char* name : {"/tmp/cmdline", "/tmp/stat"}) {
-        const auto link = [&] { EXPECT_EQ(symlink("/tmp/victim", name), 0); };
-        const auto file = [&] { write_file(name, "left over"); };
-        const auto give_away = [&] { EXPECT_EQ(lchown(name, 4321, 4321), 0); };
-        const auto swap_after_cat = [&] {
-            hook = [&](const std::string& command) {
-                const bool ours = command.ends_with(std::string("> ") + name);
-                return ours && unlink(name) == 0 && symlink("/tmp/victim", name) == 0;
-            };
+        const auto link = [=] { EXPECT_EQ(symlink("/tmp/victim", name), 0); };
+        const auto file = [=] { write_file(name, "left over"); };
+        const auto give_away = [=] { EXPECT_EQ(lchown(name, 4321, 4321), 0); };
+        const auto swap_after_cat = [=](const std::string& command) {
+            const bool ours = command.ends_with(std::string("> ") + name);
+            return ours && unlink(name) == 0 && symlink("/tmp/victim", name) == 0;
         };
         SCOPED_TRACE(name);
         // What we left over is removed; what others did stops the search.
         expect_search(probe.pid, 01777, link);
         expect_search(probe.pid, 01777, file);
-        expect_search(-1, 01777, [&] { link(), give_away(); });
-        expect_search(-1, 01777, [&] { file(), give_away(); });
-        expect_search(-1, 01777, [&] { mkdir(name, 0700); });
-        expect_search(-1, 01777, swap_after_cat);
+        expect_search(-1, 01777, [=] { link(), give_away(); });
+        expect_search(-1, 01777, [=] { file(), give_away(); });
+        expect_search(-1, 01777, [=] { mkdir(name, 0700); });
+        expect_search(-1, 01777, [=] { hook = swap_after_cat; });
     }
     expect_search(probe.pid, 0755, [] {});
     expect_search(-1, 0777, [] {}); // anybody could exchange the files
@@ -264,7 +249,7 @@ static void expect_check(std::string name, TASK_STATUS_T* thread, int result, st
 
 TEST_F(InspectionTest, UpToAHundredRegisteredThreadsAreChecked)
 {
-    std::atomic<bool> end = false;
+    std::counting_semaphore<> end(0);
     std::atomic<int> registered = 0;
     taskNeedCheck();
     taskNeedCheck(); // twice is looked at twice
@@ -273,7 +258,7 @@ TEST_F(InspectionTest, UpToAHundredRegisteredThreadsAreChecked)
         threads.emplace_back([&] {
             taskNeedCheck();
             registered++;
-            eventually([&] { return end.load(); });
+            end.acquire();
         });
     }
     ASSERT_TRUE(eventually([&] { return registered == 150; }));
@@ -282,7 +267,7 @@ TEST_F(InspectionTest, UpToAHundredRegisteredThreadsAreChecked)
     for (const TASK_STATUS_T& entry : taskStatus) {
         EXPECT_EQ(entry.exist, 1);
     }
-    end = true;
+    end.release(150);
     threads.clear();
     stdout_capture out;
     EXPECT_TRUE(eventually([] { return taskListCheck() == getpid() && taskStatus[2].exist == 0; }));
@@ -301,8 +286,7 @@ TEST_F(InspectionTest, AStoppedProcessIsReportedByItsName)
     waitpid(probe.pid, nullptr, WUNTRACED);
     expect_check(name, &thread, probe.pid, "");
     EXPECT_EQ(thread.exist, 1);
-    // Found by its command line, but named otherwise: cannot be checked.
-    expect_check(name.substr(1), &thread, 0, "");
+    expect_check(name.substr(1), &thread, 0, ""); // its command line's, but not its name
     EXPECT_EQ(thread.exist, 0);
     expect_check("hnetdNone", &thread, 0, "Can not find process hnetdNone!\n");
 }
@@ -347,57 +331,47 @@ TEST_F(InspectionTest, StatusFilesAreReadByTheirKeys)
 
 TEST_F(InspectionTest, ShowsATaskInOneLine)
 {
-    char expected[200];
     char line[200];
+    char expected[200];
     task_t task = {};
-    for (const char* name : {"NULLTASK", "tShown"}) {
-        FILE* out = fmemopen(line, sizeof line, "w");
-        task.pthrid = 0x7f1200abcdefUL;
-        task.prv_priority.sched_priority = 3;
-        pthread_attr_init(&task.attr);
-        pthread_attr_setschedpolicy(&task.attr, SCHED_RR);
-        taskShow(out, &task);
-        EXPECT_EQ(taskList(out, 1), 0);
-        fclose(out);
-        snprintf(expected, sizeof expected,
-                 "  0xabcdef %10p %10s th:abcdef SCHED_RR  pri 0  prv_pri 3 \n",
-                 static_cast<void*>(&task), name);
-        EXPECT_STREQ(line, expected);
-        pthread_attr_destroy(&task.attr);
-        task.taskname = const_cast<char*>("tShown");
-    }
+    FILE* out = fmemopen(line, sizeof line, "w");
+    task.pthrid = 0x7f1200abcdefUL;
+    task.prv_priority.sched_priority = 3;
+    pthread_attr_init(&task.attr);
+    pthread_attr_setschedpolicy(&task.attr, SCHED_RR);
+    taskShow(out, &task);
+    EXPECT_EQ(taskList(out, 1), 0); // prints nothing
+    fclose(out);
+    snprintf(expected, sizeof expected,
+             "  0xabcdef %10p   NULLTASK th:abcdef SCHED_RR  pri 0  prv_pri 3 \n",
+             static_cast<void*>(&task));
+    EXPECT_STREQ(line, expected);
+    pthread_attr_destroy(&task.attr);
 }
 
 TEST_F(InspectionTest, ListsTaskIdsInTheOrderOfTheirSpawn)
 {
-    std::atomic<bool> end = false;
-    std::vector<int> ids(4, -1);
+    std::counting_semaphore<> end(0);
     std::vector<int> expected;
     for (int i = 0; i < 3; i++) {
-        expected.push_back(
-            static_cast<int>(spawn([&] { eventually([&] { return end.load(); }); })));
+        expected.push_back(static_cast<int>(spawn([&] { end.acquire(); })));
     }
     expected.push_back(-1);
+    std::vector<int> ids(4, -1);
     EXPECT_EQ(taskIdListGet(ids.data(), -1), 0);
     EXPECT_EQ(taskIdListGet(ids.data(), 2), 2);
     EXPECT_EQ(ids[2], -1);
     EXPECT_EQ(taskIdListGet(ids.data(), 4), 3);
     EXPECT_EQ(ids, expected);
-    end = true;
+    end.release(3);
     EXPECT_TRUE(eventually([&] { return taskIdListGet(ids.data(), 1) == 0; }));
-}
-
-TEST_F(InspectionTest, ANullListEndsTheProcess)
-{
     EXPECT_EXIT(taskIdListGet(nullptr, 3), testing::KilledBySignal(SIGABRT),
                 ": int taskIdListGet\\(int \\*, int\\): assertion \"list\" failed\n");
 }
 
 TEST_F(InspectionTest, NamesStatusCodes)
 {
-    EXPECT_STREQ(VxWorksError(0x110001), "S_memLib_NOT_ENOUGH_MEMORY");
     EXPECT_STREQ(VxWorksError(0x3d0004), "S_objLib_OBJ_TIMEOUT");
-    EXPECT_STREQ(VxWorksError(0x30065), "S_taskLib_ILLEGAL_PRIORITY");
     EXPECT_STREQ(VxWorksError(ENOENT), "No such file or directory");
 }
 
@@ -407,7 +381,5 @@ TEST_F(InspectionTest, DemonstratesThatPrioritiesDoNotReachThreads)
     int id;
     initCheckPriority();
     EXPECT_TRUE(eventually([&] { return taskIdListGet(&id, 1) == 0; }));
-    const std::string text = out.text();
-    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 2000);
-    EXPECT_NE(text.find("hiTask 999 @ "), std::string::npos);
+    EXPECT_NE(out.text().find("hiTask 999 @ "), std::string::npos);
 }

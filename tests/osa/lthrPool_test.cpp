@@ -4,19 +4,14 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <ctime>
 #include <deque>
 #include <mutex>
-#include <random>
 #include <semaphore>
 #include <signal.h>
 #include <thread>
 #include <unistd.h>
-#include <utility>
 #include <vector>
-
-static constexpr int STRESS_JOBS = 30000;
 
 using body_t = std::function<void()>;
 
@@ -38,6 +33,16 @@ static status_t post(const body_t& body, int32_t index = -1)
     return taskThrPoolAddTask(reinterpret_cast<FUNCPTR>(run_body), kept, index);
 }
 
+static bool runs_a_job(int32_t worker = -1)
+{
+    std::atomic<bool> ran = false;
+    const bool posted = post([&] { ran = true; }, worker) == OK;
+    for (int i = 0; i < 100 && !ran; i++) {
+        sched_yield(); // the caller goes on as soon as it has run
+    }
+    return posted && eventually([&] { return ran.load(); });
+}
+
 /** Keeps workers busy until it is opened. */
 struct gate {
     std::counting_semaphore<> open{0};
@@ -48,13 +53,9 @@ struct gate {
         inside++;
         open.acquire();
     }
-    void block(int32_t worker)
+    bool blocks(int32_t worker)
     {
         post([this] { pass(); }, worker);
-    }
-    bool blocked(int32_t worker)
-    {
-        block(worker);
         return eventually([this] { return inside > 0; });
     }
 };
@@ -80,6 +81,7 @@ class PoolTest : public testing::Test {
 TEST_F(PoolTest, RefusesWhatItCannotDoAndWorksWithTheWorkersThereAre)
 {
     EXPECT_EQ(post([] {}), ERROR);
+    EXPECT_EQ(taskThrPoolDestroy(), ERROR);
     for (int32_t size : {0, -1, INT32_MIN}) {
         EXPECT_EQ(taskThrPoolCreate(size), ERROR) << size;
     }
@@ -88,10 +90,9 @@ TEST_F(PoolTest, RefusesWhatItCannotDoAndWorksWithTheWorkersThereAre)
         fail_malloc(nth);
         EXPECT_EQ(taskThrPoolCreate(2), ERROR);
     }
-    fail_nothing();
+    fail_malloc(0);
     fail_thread(1);
     EXPECT_EQ(taskThrPoolCreate(1), ERROR);
-    EXPECT_EQ(taskThrPoolDestroy(), ERROR);
     for (int missing : {0, 1, 2}) {
         fail_thread(missing + 1);
         ASSERT_EQ(taskThrPoolCreate(3), OK);
@@ -104,7 +105,6 @@ TEST_F(PoolTest, RefusesWhatItCannotDoAndWorksWithTheWorkersThereAre)
         }
         EXPECT_TRUE(eventually([&] { return ran == 3; }));
         EXPECT_EQ(taskThrPoolDestroy(), OK);
-        EXPECT_EQ(ran, 3);
     }
     ASSERT_EQ(taskThrPoolCreate(1), OK);
     fail_malloc(1);
@@ -122,17 +122,15 @@ TEST_F(PoolTest, AWorkerTakesTheOldestJobThatItMayRun)
 
     ASSERT_EQ(taskThrPoolCreate(2), OK);
     for (int i : {0, 1}) {
-        ASSERT_TRUE(gates[i].blocked(i));
+        ASSERT_TRUE(gates[i].blocks(i));
     }
     const int32_t indexes[] = {1, -1, 0, 1, 0, -1, 0, 1}; // of the jobs a to h
     for (char name = 'a'; name <= 'h'; name++) {
         post([&, name] { order += name; }, indexes[name - 'a']);
     }
     for (int i : {0, 1}) { // one worker after the other, each as far as it can
-        std::atomic<bool> done = false;
-        post([&] { done = true; }, i);
         gates[i].open.release();
-        ASSERT_TRUE(eventually([&] { return done.load(); }));
+        ASSERT_TRUE(runs_a_job(i));
     }
     EXPECT_EQ(order, "bcefgadh");
 }
@@ -140,17 +138,10 @@ TEST_F(PoolTest, AWorkerTakesTheOldestJobThatItMayRun)
 // Between a worker's last look at the queue and its sleep there must be no room for a job.
 TEST_F(PoolTest, AJobReachesAWorkerThatSleepsWhicheverItIs)
 {
-    std::mt19937 random(1);
-
     ASSERT_EQ(taskThrPoolCreate(4), OK);
     for (int round = 0; round < 5000; round++) {
-        std::atomic<bool> ran = false;
-        const int32_t index = static_cast<int32_t>(random() % 5) - 1;
-        ASSERT_EQ(post([&] { ran = true; }, index), OK);
-        for (int i = 0; i < 100 && round % 2 == 0 && !ran; i++) {
-            sched_yield(); // the next job comes as soon as this one has run
-        }
-        ASSERT_TRUE(eventually([&] { return ran.load(); })) << "worker " << index;
+        usleep(round % 8 == 0 ? 100 : 0);
+        ASSERT_TRUE(runs_a_job(round * 7 % 5 - 1)) << round;
     }
 }
 
@@ -161,7 +152,7 @@ TEST_F(PoolTest, LongJobsPostedAtOnceRunOnAllWorkers)
     for (int round = 1; round <= 200; round++) {
         // One job may be for a worker that has taken another one; it runs when that has ended.
         for (int i = 0; i < 4; i++) {
-            all.block(i == round % 4 ? round % 5 - 1 : -1);
+            post([&] { all.pass(); }, i == round % 4 ? round % 5 - 1 : -1);
         }
         EXPECT_TRUE(eventually([&] { return all.inside >= round * 4 - 1; }));
         all.open.release(4);
@@ -174,15 +165,13 @@ TEST_F(PoolTest, JobsForABusyWorkerKeepNobodyElseAwakeOrFromWork)
 {
     gate busy;
     std::atomic<int> chosen = 0;
-    std::atomic<int> others = 0;
 
     ASSERT_EQ(taskThrPoolCreate(3), OK);
-    ASSERT_TRUE(busy.blocked(2));
+    ASSERT_TRUE(busy.blocks(2));
     for (int i = 0; i < 100; i++) {
         post([&] { chosen++; }, 2);
-        post([&] { others++; });
     }
-    EXPECT_TRUE(eventually([&] { return others == 100; }));
+    EXPECT_TRUE(runs_a_job());
     const clock_t before = clock(); // CPU time
     usleep(400000);
     EXPECT_LT(clock() - before, CLOCKS_PER_SEC / 50);
@@ -194,29 +183,26 @@ TEST_F(PoolTest, JobsForABusyWorkerKeepNobodyElseAwakeOrFromWork)
 TEST_F(PoolTest, DestroyLetsRunningJobsFinishAndDropsTheOthers)
 {
     gate running;
+    std::atomic<bool> destroyed = false;
     const auto dropped = [] { ADD_FAILURE(); };
+    const auto held = [&] {
+        running.pass();
+        EXPECT_EQ(taskThrPoolDestroy(), ERROR);
+        EXPECT_EQ(taskThrPoolCreate(1), ERROR);
+        EXPECT_EQ(post(dropped, 1), OK);
+        EXPECT_FALSE(destroyed);
+    };
 
     ASSERT_EQ(taskThrPoolCreate(2), OK);
-    running.block(0);
-    post(
-        [&] {
-            running.pass();
-            EXPECT_EQ(taskThrPoolDestroy(), ERROR);
-            EXPECT_EQ(taskThrPoolCreate(1), ERROR);
-            EXPECT_EQ(post(dropped, 1), OK);
-        },
-        1);
-    ASSERT_TRUE(eventually([&] { return running.inside == 2; }));
     for (int i = 0; i < 50; i++) {
-        post(dropped, i % 3 - 1);
+        i < 2 ? post(held, i) : post(dropped, i % 3 - 1);
     }
-    std::atomic<bool> destroyed = false;
-    std::thread destroyer([&] {
+    ASSERT_TRUE(eventually([&] { return running.inside == 2; }));
+    std::jthread destroyer([&] {
         EXPECT_EQ(taskThrPoolDestroy(), OK);
         destroyed = true;
     });
     usleep(20000);
-    EXPECT_FALSE(destroyed);
     running.open.release(2);
     destroyer.join();
     EXPECT_EQ(taskThrPoolCreate(1), OK);
@@ -228,7 +214,7 @@ TEST_F(PoolTest, ATaskDeletedWhileItDestroysLeavesThePoolToTheNext)
     probe deleted;
 
     ASSERT_EQ(taskThrPoolCreate(2), OK);
-    ASSERT_TRUE(running.blocked(0));
+    ASSERT_TRUE(running.blocks(0));
     const taskId_t task = spawn([&] {
         probe_attach(&deleted);
         taskThrPoolDestroy();
@@ -254,9 +240,7 @@ TEST_F(PoolTest, AJobThatEndsItsThreadTakesOnlyItsWorkerAlong)
         ASSERT_EQ(taskThrPoolCreate(2), OK);
         post(end, 1);
         EXPECT_TRUE(eventually([] { return post([] {}, 1) == ERROR; }));
-        std::atomic<bool> ran = false;
-        EXPECT_EQ(post([&] { ran = true; }), OK);
-        EXPECT_TRUE(eventually([&] { return ran.load(); }));
+        EXPECT_TRUE(runs_a_job());
         post(end, 0);
         EXPECT_TRUE(eventually([] { return post([] {}) == ERROR; }));
         EXPECT_EQ(taskThrPoolDestroy(), OK);
@@ -271,7 +255,7 @@ TEST_F(PoolTest, AWorkerToldToEndTakesNoJobWithIt)
     spawn([] {}); // the first task brings the handler of the signal
     ASSERT_EQ(taskThrPoolCreate(2), OK);
     post([&] { worker = pthread_self(); }, 1);
-    ASSERT_TRUE(eventually([&] { return worker != 0; }));
+    ASSERT_TRUE(runs_a_job(1));
     usleep(5000); // it sleeps, most likely, and notices when it is woken
     pthread_kill(worker, SIGUSR1);
     for (int i = 0; i < 20; i++) {
@@ -284,41 +268,37 @@ TEST_F(PoolTest, AWorkerToldToEndTakesNoJobWithIt)
 
 // Jobs of several posters, for any worker or a chosen one, some of which queue another. In the
 // first round all run; in the others the pool is destroyed in the middle.
-TEST_F(PoolTest, JobsRunOnceAndChosenOnesInOrder)
+TEST_F(PoolTest, JobsRunOnce)
 {
+    static constexpr int JOBS = 30000; // and a fifth more
     int cut_off = 0;
 
     for (int round = 0; round < 6; round++) {
-        std::vector<std::atomic<int>> runs(STRESS_JOBS);
+        std::vector<std::atomic<int>> runs(JOBS);
         std::atomic<int> total = 0;
-        std::atomic<int> wrong = 0; // refused, or before an older one
-        int latest[4][3] = {};      // each line touched by its worker alone
+        std::atomic<int> wrong = 0; // refused, or run before
         const auto run = [&](int id, int index) {
-            if (index >= 0) {
-                wrong += std::exchange(latest[index][id % 3], id) > id ? 1 : 0;
-            }
+            wrong += runs[static_cast<size_t>(id)]++;
             if (id % 5 == 0) {
                 wrong += post([&] { total++; }, index) != OK ? 1 : 0;
             }
-            runs[static_cast<size_t>(id)]++;
             total++;
         };
         std::vector<std::jthread> posters;
         ASSERT_EQ(taskThrPoolCreate(4), OK);
         for (int poster = 0; poster < 3; poster++) {
             posters.emplace_back([&, poster] {
-                for (int id = poster; id < STRESS_JOBS; id += 3) {
+                for (int id = poster; id < JOBS; id += 3) {
                     const int index = id % 4 == 0 ? id / 4 % 4 : -1;
                     wrong += post([&run, id, index] { run(id, index); }, index) != OK ? 1 : 0;
                 }
             });
         }
         posters.clear();
-        EXPECT_TRUE(round > 0 || eventually([&] { return total == STRESS_JOBS / 5 * 6; }, 60000));
+        EXPECT_TRUE(round > 0 || eventually([&] { return total == JOBS / 5 * 6; }, 60000));
         EXPECT_EQ(taskThrPoolDestroy(), OK);
-        EXPECT_TRUE(std::all_of(runs.begin(), runs.end(), [](const auto& n) { return n <= 1; }));
         EXPECT_EQ(wrong, 0);
-        cut_off += total < STRESS_JOBS / 5 * 6 ? 1 : 0;
+        cut_off += total < JOBS / 5 * 6 ? 1 : 0;
         bodies.clear();
     }
     EXPECT_GT(cut_off, 0);

