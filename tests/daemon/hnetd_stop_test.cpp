@@ -41,35 +41,23 @@ static int nothing(void*)
     return OK;
 }
 
-// Uses something of every module, each round something else than the neighbours do.
-static int busy(int number)
+// Uses something of every module.
+static int busy()
 {
     static char event[] = "BUSY";
     char message[16] = "";
     WDOG_ID watchdog = wdCreate();
 
-    for (;; number++) {
-        switch (number % 5) {
-        case 0:
-            msgQSend(queue, message, sizeof message, 1, MSG_PRI_NORMAL);
-            break;
-        case 1:
-            msgQReceive(queue, message, sizeof message, 1);
-            break;
-        case 2:
-            semTake(sem, WAIT_FOREVER);
-            semGive(sem);
-            break;
-        case 3:
-            uTimerDel(uTimerAdd(nullptr, nullptr, 10));
-            uAsyncCall(reinterpret_cast<FUNCPTR>(nothing), nullptr);
-            wdStart(watchdog, 1, reinterpret_cast<FUNCPTR>(nothing), nullptr);
-            break;
-        default:
-            uEventCare(event, on_event, nullptr);
-            uEventRaise(event, nullptr, 0);
-            break;
-        }
+    for (;;) {
+        msgQSend(queue, message, sizeof message, 1, MSG_PRI_NORMAL);
+        semTake(sem, WAIT_FOREVER);
+        semGive(sem);
+        msgQReceive(queue, message, sizeof message, 1);
+        uTimerDel(uTimerAdd(nullptr, nullptr, 10));
+        uAsyncCall(reinterpret_cast<FUNCPTR>(nothing), nullptr);
+        wdStart(watchdog, 1, reinterpret_cast<FUNCPTR>(nothing), nullptr);
+        uEventCare(event, on_event, nullptr);
+        uEventRaise(event, nullptr, 0);
     }
 }
 
@@ -85,7 +73,7 @@ static int busy(int number)
         _exit(1);
     }
     for (int i = 0; i < 8; i++) {
-        taskSpawn(name, 0, 0, 0, reinterpret_cast<FUNCPTR>(busy), i, 0, 0, 0, 0, 0, 0, 0, 0, 0);
+        taskSpawn(name, 0, 0, 0, reinterpret_cast<FUNCPTR>(busy), 0, 0, 0, 0, 0, 0, 0, 0, 0, 0);
     }
     usleep(static_cast<useconds_t>(round % 50) * 100);
     hnetdStop();

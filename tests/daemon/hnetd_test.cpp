@@ -27,9 +27,9 @@ static void note(const std::string& call)
 extern "C" void* __real_uMalloc(uint32_t num_bytes);
 extern "C" void* __wrap_uMalloc(uint32_t num_bytes)
 {
-    static std::vector<void*> contexts;
-    contexts.push_back(__real_uMalloc(num_bytes));
-    return contexts.back();
+    static auto* contexts = new std::vector<void*>;
+    contexts->push_back(__real_uMalloc(num_bytes));
+    return contexts->back();
 }
 
 extern "C" int __wrap_gettimeofday(struct timeval* tv, void*)

@@ -1,7 +1,6 @@
-#include "osaResolv.h"
-
 #include "dns_double.h"
 #include "fail.h"
+#include "look_up.h"
 #include "task_probe.h"
 
 #include <gtest/gtest.h>
@@ -28,35 +27,6 @@ extern "C" hostent* __wrap_gethostbyname(const char* name)
     looked_up += string(name) + '|';
     found.h_addr_list = addrs;
     return named.s_addr != 0 ? &found : nullptr;
-}
-
-// "udp 10.0.0.1:5060 60|" for each result; port and proto only where they are set. Frees the list.
-static string take_results(ulist_t* list)
-{
-    const char* const protos[] = {"", "tcp ", "udp "};
-    string all;
-
-    for (int32_t pos = 0; uListEol(list, pos) == 0; pos++) {
-        auto* host = reinterpret_cast<hostInfo_t*>(uListGet(list, pos));
-        char text[INET6_ADDRSTRLEN] = "?";
-        sockIpAddrNtop(&host->ipAddr, text, sizeof text);
-        all += string(protos[host->type]) + text;
-        all += host->port != 0 ? ":" + std::to_string(host->port) : "";
-        all += " " + std::to_string(host->ttl) + "|";
-    }
-    EXPECT_TRUE(list == nullptr || !all.empty());
-    osaFreeHostInfoList(list);
-    return all;
-}
-
-static string look_up(const string& name, queryType_e type, serviceName_e service = SERV_NONE)
-{
-    return take_results(osaGetHostByName(name.c_str(), type, service));
-}
-
-static string addresses(const string& name)
-{
-    return look_up(name, QUERY_ADDRESS);
 }
 
 // What an A query with this answer gives.
@@ -305,9 +275,8 @@ TEST_F(ResolverTest, DataIsBoundedByItsLength)
     }
 }
 
-// A good answer cut at every byte: what lies whole before the cut is used. And each byte of it
-// replaced: the sanitizers watch.
-TEST_F(ResolverTest, CutAndDamagedAnswers)
+// A good answer cut at every byte: what lies whole before the cut is used.
+TEST_F(ResolverTest, CutAnswers)
 {
     dns_packet answer;
     answer.question("x", A).cname("x", "y.x").a("y.x", "10.0.0.1").srv("x", 1, 0, 1, "a.x");
@@ -331,15 +300,6 @@ TEST_F(ResolverTest, CutAndDamagedAnswers)
             const long found = std::count(results.begin(), results.end(), '|');
             const bool direct = c.type == QUERY_ADDRESS;
             ASSERT_EQ(direct ? found : (dns_query_count() - 1) / c.queries_each, whole) << at;
-
-            for (const int value : {0, 1, 0x21, 0x3f, 0x40, 0xc0, 0xff}) {
-                string damaged = answer.bytes;
-                damaged[at % damaged.size()] = static_cast<char>(value);
-                dns_clear();
-                dns_answer("x", c.kind, damaged);
-                (void)look_up("x", c.type);
-                ASSERT_LT(dns_query_count(), 100);
-            }
         }
     }
 }

@@ -1,5 +1,5 @@
 // The resolver and the SNTP client against servers as they are; servers_test.sh starts them.
-#include "osaResolv.h"
+#include "look_up.h"
 #include "sntp.h"
 #include "task_probe.h"
 
@@ -12,22 +12,6 @@
 #include <sys/socket.h>
 
 using std::string;
-
-static string look_up(const char* name, queryType_e type, serviceName_e service = SERV_NONE)
-{
-    const char* const protos[] = {"", "tcp ", "udp "};
-    ulist_t* list = osaGetHostByName(name, type, service);
-    string all;
-    for (int32_t pos = 0; uListEol(list, pos) == 0; pos++) {
-        auto* host = reinterpret_cast<hostInfo_t*>(uListGet(list, pos));
-        char text[INET6_ADDRSTRLEN] = "?";
-        sockIpAddrNtop(&host->ipAddr, text, sizeof text);
-        all += protos[host->type] + string(text) + ":" + std::to_string(host->port) + "/" +
-               std::to_string(host->ttl) + " ";
-    }
-    osaFreeHostInfoList(list);
-    return all;
-}
 
 static uint32_t ip_of(const char* name)
 {
@@ -44,28 +28,28 @@ class NameServerTest : public testing::Test {
 
 TEST_F(NameServerTest, Addresses)
 {
-    const string two = "192.0.2.1:0/600 192.0.2.2:0/600 2001:db8::2:0/700 ";
-    EXPECT_EQ(look_up("two.hnetd.test", QUERY_ADDRESS), two);
-    EXPECT_EQ(look_up("two", QUERY_ADDRESS), two); // found by the search list
-    EXPECT_EQ(look_up("alias.hnetd.test", QUERY_ADDRESS), two);
-    EXPECT_EQ(look_up("six.hnetd.test", QUERY_ADDRESS), "2001:db8::6:0/300 ");
-    EXPECT_EQ(look_up("text.hnetd.test", QUERY_ADDRESS), "");
-    EXPECT_EQ(look_up("nobody.hnetd.test", QUERY_ADDRESS), "");
-    EXPECT_EQ(look_up("not..a.name", QUERY_ADDRESS), "");
+    const string two = "192.0.2.1 600|192.0.2.2 600|2001:db8::2 700|";
+    EXPECT_EQ(addresses("two.hnetd.test"), two);
+    EXPECT_EQ(addresses("two"), two); // found by the search list
+    EXPECT_EQ(addresses("alias.hnetd.test"), two);
+    EXPECT_EQ(addresses("six.hnetd.test"), "2001:db8::6 300|");
+    EXPECT_EQ(addresses("text.hnetd.test"), "");
+    EXPECT_EQ(addresses("nobody.hnetd.test"), "");
+    EXPECT_EQ(addresses("not..a.name"), "");
     EXPECT_EQ(ip_of("two.hnetd.test") & ~3U, 0xc0000200);
     EXPECT_EQ(ip_of("nobody.hnetd.test"), 0xffffffff);
 
     // 60 addresses take a second try over TCP, and more room than the buffer has.
-    const string many = look_up("many.hnetd.test", QUERY_ADDRESS);
-    const auto count = std::count(many.begin(), many.end(), ' ');
+    const string many = addresses("many.hnetd.test");
+    const auto count = std::count(many.begin(), many.end(), '|');
     EXPECT_GT(count, 25);
     EXPECT_LE(count, 31); // of 16 bytes each
 }
 
 TEST_F(NameServerTest, Services)
 {
-    const string udp = "udp 192.0.2.11:5060/300 udp 192.0.2.12:5062/300 udp 2001:db8::11:5060/300 ";
-    const string tcp = "tcp 192.0.2.12:5070/300 ";
+    const string udp = "udp 192.0.2.11:5060 300|udp 192.0.2.12:5062 300|udp 2001:db8::11:5060 300|";
+    const string tcp = "tcp 192.0.2.12:5070 300|";
     EXPECT_EQ(look_up("_sip._udp.hnetd.test", QUERY_SRV), udp);
     EXPECT_EQ(look_up("_sip._tcp.hnetd.test", QUERY_SRV), tcp);
     EXPECT_EQ(look_up("two.hnetd.test", QUERY_SRV), "");
