@@ -24,6 +24,7 @@ extern "C" hostent* __wrap_gethostbyname(const char* name)
 
 TEST(HostTable, IsMadeOnceEvenWithoutMemory)
 {
+    hostInitFlag = 0;
     fail_malloc(1);
     hostTblInit();
     fail_nothing();
@@ -36,6 +37,7 @@ TEST(HostTable, IsMadeOnceEvenWithoutMemory)
     hostTblInit();
     EXPECT_EQ(hostListSem, sem);
     EXPECT_EQ(hostList.count, 1);
+    semDelete(sem);
 }
 
 TEST(HostTable, NamesAreLookedUpAndAddressesAreNot)
@@ -45,6 +47,8 @@ TEST(HostTable, NamesAreLookedUpAndAddressesAreNot)
     hostent host = {};
 
     const auto by_name = reinterpret_cast<int (*)(const char*)>(_presolvHostLibGetByName);
+    looked_up.clear();
+    answer = nullptr;
     EXPECT_EQ(by_name("10.1.2.3"), static_cast<int>(htonl(0x0a010203)));
     EXPECT_EQ(by_name(nullptr), ERROR);
     EXPECT_EQ(looked_up, "");

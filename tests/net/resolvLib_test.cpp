@@ -393,6 +393,8 @@ TEST_F(ResolverTest, GetHostByNameBehindTheLiterals)
     char broadcast[] = "255.255.255.255"; // what the parser cannot tell from a failure
     char host[] = "host";
 
+    looked_up.clear();
+    named.s_addr = 0;
     EXPECT_EQ(osaGetIpFromName(nullptr), 0xffffffffU);
     EXPECT_EQ(osaGetIpFromName(literal), inet_addr("10.1.2.3"));
     EXPECT_EQ(looked_up, "");

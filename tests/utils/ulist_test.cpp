@@ -218,10 +218,11 @@ TEST(List, GetsBackWhatAThreadThatEndsDidNotFree)
 TEST(List, LosesNothingBetweenThreads)
 {
     constexpr int ROUNDS = 3000;
-    static std::atomic<int> taken = 0;
+    static std::atomic<int> taken;
     letter_list l({});
     std::vector<std::jthread> threads;
 
+    taken = 0;
     for (int self = 0; self < 4; self++) {
         threads.emplace_back([&l] {
             for (int round = 0; round < ROUNDS; round++) {
