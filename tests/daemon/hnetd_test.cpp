@@ -1,35 +1,59 @@
-// The timer pump: what it calls is replaced and recorded.
+// The service thread's parts, each on its own: what they call is replaced and recorded.
 #include "hnetd.h"
 
-#include "fail.h"
+#include "hostLib.h"
 #include "internal.h"
+#include "lstLib.h"
+#include "osaMsg.h"
+#include "osaTask.h"
+#include "osaWd.h"
 #include "uTimer.h"
+
+#include "fail.h"
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <deque>
+#include <iterator>
 #include <string>
+#include <sys/prctl.h>
 #include <utility>
 #include <vector>
 
-static std::string calls;            // what was called, each closed with '|'
-static std::vector<uint32_t> cycles; // what the first cycles measure; 50 ms after that
+static std::string calls;           // what was called, each closed with '|'
+static std::deque<uint32_t> cycles; // what the next cycles measure; 50 ms after that
 static std::vector<std::pair<int, uint32_t>> checks; // cycle and argument of checktimeoutCb
 static int cycles_run = 0;
 static int stop_after = 0;       // the cycle whose timers clear the running flag
 static time_t clock_reading = 0; // seconds that gettimeofday gave last
+static int pump_errno = 0;       // found by the pump
 
 static void note(const std::string& call)
 {
     calls += call + "|";
 }
 
+static std::string thread_name()
+{
+    char name[16] = "";
+    prctl(PR_GET_NAME, name, 0, 0, 0);
+    return name;
+}
+
 // The contexts, which the product never frees: it makes one, but each test another.
 extern "C" void* __real_uMalloc(uint32_t num_bytes);
+static void* contexts[16] = {};
+static size_t context_count = 0;
+static bool no_memory = false;
+
 extern "C" void* __wrap_uMalloc(uint32_t num_bytes)
 {
-    static auto* contexts = new std::vector<void*>;
-    contexts->push_back(__real_uMalloc(num_bytes));
-    return contexts->back();
+    void*& context = contexts[context_count++ % std::size(contexts)];
+    context = no_memory ? nullptr : __real_uMalloc(num_bytes);
+    return context;
 }
 
 extern "C" int __wrap_gettimeofday(struct timeval* tv, void*)
@@ -40,6 +64,7 @@ extern "C" int __wrap_gettimeofday(struct timeval* tv, void*)
 
 extern "C" int __wrap_usleep(useconds_t us)
 {
+    pump_errno = errno;
     note("sleep " + std::to_string(us) + " after reading " + std::to_string(clock_reading));
     return 0;
 }
@@ -47,8 +72,12 @@ extern "C" int __wrap_usleep(useconds_t us)
 extern "C" uint32_t __wrap_uTimerAdjust(struct timeval t1, struct timeval t2)
 {
     note("adjust " + std::to_string(t1.tv_sec) + " " + std::to_string(t2.tv_sec));
-    const size_t cycle = static_cast<size_t>(cycles_run);
-    return cycle < cycles.size() ? cycles[cycle] : 50;
+    if (cycles.empty()) {
+        return 50;
+    }
+    const uint32_t elapsed = cycles.front();
+    cycles.pop_front();
+    return elapsed;
 }
 
 extern "C" void __wrap_uTimerRun(int32_t gap)
@@ -63,6 +92,46 @@ extern "C" void __wrap_checktimeoutCb(uint32_t elapses)
 {
     checks.emplace_back(cycles_run, elapses);
 }
+
+extern "C" taskId_t __wrap_taskSpawn(char* name, int, int, int, FUNCPTR entry, int, int, int, int,
+                                     int, int, int, int, int, int)
+{
+    const bool root = entry == reinterpret_cast<FUNCPTR>(root_task);
+    const bool exception = entry == reinterpret_cast<FUNCPTR>(exception_task);
+    note(thread_name() + " spawns " + name + (root ? " root" : "") + (exception ? " exc" : ""));
+    errno = EAGAIN;
+    return static_cast<taskId_t>(ERROR);
+}
+
+// The root task idles for ever; the test lets it wake twice.
+extern "C" status_t __wrap_taskDelay(int interval)
+{
+    static int naps = 0;
+    note("delay " + std::to_string(interval));
+    if (++naps == 2) {
+        pthread_exit(nullptr);
+    }
+    return OK;
+}
+
+extern "C" STATUS __wrap_logInit(int fd, int maxMsgs)
+{
+    note("logInit " + std::to_string(fd) + " " + std::to_string(maxMsgs));
+    return ERROR;
+}
+
+#define PART(name, type, result)                                                                   \
+    extern "C" type __wrap_##name(void)                                                            \
+    {                                                                                              \
+        note(#name);                                                                               \
+        return result;                                                                             \
+    }
+PART(tickInit, void, )
+PART(lstLibInit, void, )
+PART(hostTblInit, void, )
+PART(ifLibInit, void, )
+PART(resolvInit, status_t, ERROR)
+PART(hnetInit, int, ERROR)
 
 class HnetdTest : public testing::Test {
   protected:
@@ -88,11 +157,16 @@ class HnetdTest : public testing::Test {
 };
 
 // First of all, while there is no context.
-TEST(HnetdStartTest, WithoutMemoryItFailsAndStoppingIsHarmless)
+TEST(HnetdStartTest, WithoutMemoryNoThreadIsStartedAndStoppingIsHarmless)
 {
     hnetdStop();
-    fail_malloc(1);
+    no_memory = true;
+    fail_thread(1);
     EXPECT_EQ(hnetdStart(), -1);
+    no_memory = false;
+    pthread_t thread;
+    const auto nothing = [](void*) -> void* { return nullptr; };
+    EXPECT_EQ(pthread_create(&thread, nullptr, nothing, nullptr), EAGAIN) << "a thread was created";
     fail_nothing();
     hnetdStop();
 }
@@ -122,4 +196,31 @@ TEST_F(HnetdTest, AbsoluteTimersAreLookedAtEveryThirtySecondsOfPumpTime)
     pump(8);
     EXPECT_EQ(cycles_run, 8);
     EXPECT_EQ(checks, (std::vector<check>{{4, 40'996}, {8, 30'000}}));
+}
+
+TEST_F(HnetdTest, TheFrameSpawnsTheRootTaskPumpsAndEndsTheProcess)
+{
+    static char* arguments[] = {nullptr};
+    const auto frame = [] {
+        exit_value = 7;
+        hnetdStop();
+        atexit([] {
+            fprintf(stderr, "%s%s errno %d%s", calls.c_str(), thread_name().c_str(), pump_errno,
+                    _argv == arguments ? " kept the arguments" : "");
+        });
+        main_v2lin(0, arguments);
+    };
+    EXPECT_EXIT(frame(), testing::ExitedWithCode(7),
+                "^callManager spawns tUsrRoot root\\|sleep 50000 after reading 1\\|"
+                "adjust 1 2\\|run 50\\|callManager errno 0 kept the arguments$");
+}
+
+TEST_F(HnetdTest, TheRootTaskInitialisesInOrderWhateverFailsAndIdles)
+{
+    pthread_t thread;
+    const auto root = [](void*) -> void* { root_task(0, 0, 0, 0, 0, 0, 0, 0, 0, 0); };
+    ASSERT_EQ(pthread_create(&thread, nullptr, root, nullptr), 0);
+    pthread_join(thread, nullptr);
+    EXPECT_EQ(calls, "tUsrRoot spawns tExcTask exc|logInit 1 100|tickInit|lstLibInit|"
+                     "hostTblInit|ifLibInit|resolvInit|hnetInit|delay 500|delay 500|");
 }

@@ -6,6 +6,8 @@
 #include "osaMsg.h"
 #include "osaTask.h"
 
+#include <gtest/gtest.h>
+
 #include <barrier>
 #include <cerrno>
 #include <ctime>
@@ -30,10 +32,11 @@ static status_t post(int (*func)(void*), long param = 0)
     return uAsyncCall(reinterpret_cast<FUNCPTR>(func), reinterpret_cast<void*>(param));
 }
 
-static int note(void* number)
+static int note(void* param)
 {
     EXPECT_EQ(taskNameToId(const_cast<char*>("tAsyncCall")), pthread_self());
-    order.push_back(reinterpret_cast<long>(number));
+    order.push_back(reinterpret_cast<long>(param));
+    EXPECT_TRUE(param != nullptr || post(note, 20) == OK); // behind those that wait
     ran.release();
     return -1;
 }
@@ -48,7 +51,7 @@ static void expect_rest()
     EXPECT_LT(clock() - before, CLOCKS_PER_SEC * 15 / 1000);
 }
 
-TEST(AsyncCallTest, TwentyCallsMayWait)
+TEST(AsyncCallTest, TheFirstCallStartsTheServiceAndTwentyMayWait)
 {
     EXPECT_TRUE(passes_in_child([] {
         EXPECT_EQ(uAsyncCall(nullptr, nullptr), ERROR);
@@ -59,19 +62,20 @@ TEST(AsyncCallTest, TwentyCallsMayWait)
             return 0;
         });
         ran.acquire();
-        std::vector<long> posted;
-        while (posted.size() < 21 && post(note, static_cast<long>(posted.size())) == OK) {
-            posted.push_back(static_cast<long>(posted.size()));
+        for (long i = 0; i <= 20; i++) {
+            EXPECT_EQ(post(note, i), i < 20 ? OK : ERROR);
         }
-        EXPECT_EQ(posted.size(), 20U);
         EXPECT_EQ(errno, S_objLib_OBJ_UNAVAILABLE);
         go.release();
-        for (int i = 0; i < 20; i++) {
+        std::vector<long> expected;
+        for (long i = 0; i <= 20; i++) {
+            expected.push_back(i);
             ran.acquire();
         }
-        EXPECT_EQ(order, posted);
+        EXPECT_EQ(order, expected);
         EXPECT_EQ(msgQDelete(asyncCallMsgQ), OK);
         EXPECT_EQ(post(note), ERROR);
+        EXPECT_EQ(errno, S_objLib_OBJ_ID_ERROR);
         expect_rest();
     }));
 }
@@ -81,22 +85,24 @@ TEST(AsyncCallTest, FirstUseByManyThreadsStartsOneService)
     for (int round = 0; round < 100; round++) {
         ASSERT_TRUE(passes_in_child([] {
             std::barrier together(16);
-            std::vector<std::jthread> threads;
-            for (int i = 0; i < 16; i++) {
-                threads.emplace_back([&together] {
+            std::vector<std::thread> threads;
+            for (long i = 1; i <= 16; i++) {
+                threads.emplace_back([&together, i] {
                     together.arrive_and_wait();
-                    EXPECT_EQ(post(note), OK);
-                    ran.acquire();
+                    EXPECT_EQ(post(note, i), OK);
                 });
             }
-            threads.clear();
+            for (std::thread& thread : threads) {
+                thread.join();
+                ran.acquire();
+            }
             int tasks[2];
             EXPECT_EQ(taskIdListGet(tasks, 2), 1);
         }));
     }
 }
 
-TEST(AsyncCallTest, WithoutAQueueCallsFailAndNothingSpins)
+TEST(AsyncCallTest, WithoutAQueueOrATaskCallsFailAndNothingSpins)
 {
     EXPECT_TRUE(passes_in_child([] {
         fail_malloc(1);
@@ -104,5 +110,11 @@ TEST(AsyncCallTest, WithoutAQueueCallsFailAndNothingSpins)
         EXPECT_EQ(post(note), ERROR);
         EXPECT_EQ(asyncCallMsgQ, nullptr);
         expect_rest();
+    }));
+    EXPECT_TRUE(passes_in_child([] {
+        fail_thread(1);
+        for (int i = 0; i <= 20; i++) { // the queue is there, and nobody empties it
+            EXPECT_EQ(post(note), i < 20 ? OK : ERROR);
+        }
     }));
 }

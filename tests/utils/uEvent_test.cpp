@@ -1,6 +1,8 @@
 // Events: the table against a model, handlers that interfere with their own raise, and threads.
 #include "uEvent.h"
 
+#include "internal.h"
+
 #include "child.h"
 #include "fail.h"
 #include "log_double.h"
@@ -121,6 +123,7 @@ TEST_F(EventTest, RegistrationsAndTheirEnd)
     int32_t param = 7;
     const EVENTPROCESS looks = [](char*, void* handle, int32_t* given, size_t size) {
         called += handle == given && size == 99 ? "looks " : "wrong ";
+        EXPECT_EQ(self_record->depth, 0); // the caller may be ended here
         return 0;
     };
     called.clear();
