@@ -13,6 +13,18 @@
 #include <thread>
 #include <vector>
 
+static std::atomic<int> clock_reads;
+static std::atomic<int> clock_lag_s;
+
+extern "C" int __real_gettimeofday(timeval* tv, void* zone);
+extern "C" int __wrap_gettimeofday(timeval* tv, void* zone)
+{
+    clock_reads++;
+    const int result = __real_gettimeofday(tv, zone);
+    tv->tv_sec -= clock_lag_s;
+    return result;
+}
+
 static v2pt_mqueue_t* record(MSG_Q_ID id)
 {
     return reinterpret_cast<v2pt_mqueue_t*>(id);
@@ -23,16 +35,9 @@ static bool wait_in(MSG_Q_ID id, int count)
     return eventually([=] { return load_acquire(&record(id)->waitTasks) == count; });
 }
 
-static bool wait_for_mark(MSG_Q_ID id)
+static bool marked(MSG_Q_ID id)
 {
-    return eventually([=] { return load_relaxed(&record(id)->send_type) == SEND_DELETED; });
-}
-
-static int code_of_delete(MSG_Q_ID id)
-{
-    errno = 0;
-    EXPECT_EQ(msgQDelete(id), ERROR);
-    return errno;
+    return load_relaxed(&record(id)->send_type) == SEND_DELETED;
 }
 
 static void send(MSG_Q_ID id, std::string msg, int pri = MSG_PRI_NORMAL, int wait = NO_WAIT,
@@ -61,9 +66,12 @@ static void expect_none(MSG_Q_ID id, int max_wait, int code)
 TEST(MsgQTest, SizesOutOfRangeAreRefused)
 {
     const struct {
-        int max_msgs, msglen, code;
+        int max_msgs;
+        int msglen;
+        int code;
     } cases[] = {
         {0, 8, S_msgQLib_INVALID_MSG_LENGTH},       {8, -1, S_msgQLib_INVALID_MSG_LENGTH},
+        {INT_MIN, 8, S_msgQLib_INVALID_MSG_LENGTH}, {INT_MAX, 8, S_memLib_NOT_ENOUGH_MEMORY},
         {1, INT_MAX, S_memLib_NOT_ENOUGH_MEMORY},   {INT_MAX, INT_MAX, S_memLib_NOT_ENOUGH_MEMORY},
         {65535, 65528, S_memLib_NOT_ENOUGH_MEMORY}, // 0 in 32 bits
     };
@@ -87,27 +95,25 @@ TEST(MsgQTest, FailedAllocationsLeaveNothing)
         errno = 0;
         EXPECT_EQ(msgQCreate(2, 16, 0), nullptr);
         EXPECT_EQ(errno, S_memLib_NOT_ENOUGH_MEMORY);
+        EXPECT_TRUE(failed());
     }
-    EXPECT_EQ(msgQDelete(queues[0]), OK);
-    fail_malloc(2);
-    queues[0] = msgQCreate(2, 16, 0);
-    fail_nothing();
-    EXPECT_EQ(malloc_calls(), 1);
     for (MSG_Q_ID id : queues) {
-        EXPECT_EQ(receive(id), "none");
         EXPECT_EQ(msgQDelete(id), OK);
     }
+    fail_malloc(2);
+    const MSG_Q_ID again = msgQCreate(2, 16, 0);
+    fail_nothing();
+    EXPECT_EQ(malloc_calls(), 1);
+    EXPECT_EQ(receive(again), "none");
+    EXPECT_EQ(msgQDelete(again), OK);
 }
 
 TEST(MsgQTest, UnknownIdsAreRefusedUnread)
 {
     MSG_Q_ID gone = msgQCreate(1, 8, 0);
-    MSG_Q_ID safe = gone;
-    EXPECT_EQ(msgQSafeDelete(&safe), OK);
-    EXPECT_EQ(safe, nullptr);
-    EXPECT_EQ(msgQSafeDelete(&safe), ERROR);
-    EXPECT_EQ(msgQSafeDelete(nullptr), ERROR);
-    for (const MSG_Q_ID id : {gone, reinterpret_cast<MSG_Q_ID>(1), safe}) {
+    EXPECT_EQ(msgQDelete(gone), OK);
+    for (const MSG_Q_ID id :
+         {gone, reinterpret_cast<MSG_Q_ID>(1), static_cast<MSG_Q_ID>(nullptr)}) {
         stdout_capture console;
         send(id, "x", MSG_PRI_NORMAL, WAIT_FOREVER, S_objLib_OBJ_ID_ERROR);
         EXPECT_EQ(console.text(), "msgQSend not found");
@@ -115,8 +121,15 @@ TEST(MsgQTest, UnknownIdsAreRefusedUnread)
         errno = 0;
         EXPECT_EQ(msgQNumMsgs(id), -1);
         EXPECT_EQ(errno, 0);
-        EXPECT_EQ(code_of_delete(id), S_objLib_OBJ_ID_ERROR);
+        EXPECT_EQ(msgQDelete(id), ERROR);
+        EXPECT_EQ(errno, S_objLib_OBJ_ID_ERROR);
     }
+    MSG_Q_ID id = msgQCreate(1, 8, 0);
+    EXPECT_EQ(msgQSafeDelete(&id), OK);
+    EXPECT_EQ(id, nullptr);
+    EXPECT_EQ(msgQSafeDelete(&id), ERROR);
+    EXPECT_EQ(errno, S_objLib_OBJ_ID_ERROR);
+    EXPECT_EQ(msgQSafeDelete(nullptr), ERROR);
 }
 
 TEST(MsgQTest, LengthsAreCheckedAndNullsCopyNothing)
@@ -141,10 +154,11 @@ TEST(MsgQTest, LengthsAreCheckedAndNullsCopyNothing)
 }
 
 // Random traffic beside a model: urgent messages go to the front and may use a slot more. Lengths
-// leave the slots unaligned.
+// leave the slots unaligned. Nothing here waits, so no clock is read.
 TEST(MsgQTest, RingWrapsAtEveryLengthWithUrgentMessagesFirst)
 {
     std::mt19937 random(7);
+    clock_reads = 0;
     for (const size_t length : {0, 1, 7, 8, 16, 1024}) {
         const MSG_Q_ID id = msgQCreate(3, static_cast<int>(length), 0);
         std::deque<std::string> model;
@@ -167,6 +181,7 @@ TEST(MsgQTest, RingWrapsAtEveryLengthWithUrgentMessagesFirst)
         }
         msgQDelete(id);
     }
+    EXPECT_EQ(clock_reads, 0);
 }
 
 TEST(MsgQTest, WaitsEndAtTheirDeadlineAndNotBefore)
@@ -177,8 +192,16 @@ TEST(MsgQTest, WaitsEndAtTheirDeadlineAndNotBefore)
     send(id, "x");
     send(id, "y", MSG_PRI_NORMAL, 3, S_objLib_OBJ_TIMEOUT);
     EXPECT_GE(now_ns() - before, 2 * 29 * 1000000LL);
-    send(id, "y", MSG_PRI_NORMAL, INT_MIN, S_objLib_OBJ_TIMEOUT);
-    EXPECT_EQ(receive(id, INT_MIN), "x"); // there already: the deadline does not matter
+    for (const int past : {-2, INT_MIN}) {
+        send(id, "y", MSG_PRI_NORMAL, past, S_objLib_OBJ_TIMEOUT);
+        EXPECT_EQ(receive(id, past), "x"); // there already: the deadline does not matter
+        expect_none(id, past, S_objLib_OBJ_TIMEOUT);
+        send(id, "x", MSG_PRI_NORMAL, past);
+    }
+    receive(id);
+    clock_lag_s = 3600; // the end is an instant of the wall clock, and this one has passed
+    expect_none(id, 6000, S_objLib_OBJ_TIMEOUT);
+    clock_lag_s = 0;
     EXPECT_TRUE(wait_in(id, 0));
     msgQDelete(id);
 }
@@ -188,8 +211,8 @@ TEST(MsgQTest, WaitersGoOnWhenTheirTurnComes)
     MSG_Q_ID id = msgQCreate(1, 8, 0);
     send(id, "A");
     send(id, "U", MSG_PRI_URGENT);
-    std::jthread urgent([&] { send(id, "V", MSG_PRI_URGENT, WAIT_FOREVER); });
-    std::jthread normal([&] { send(id, "B", MSG_PRI_NORMAL, 300000); });
+    std::thread urgent([&] { send(id, "V", MSG_PRI_URGENT, WAIT_FOREVER); });
+    std::thread normal([&] { send(id, "B", MSG_PRI_NORMAL, 300000); });
     ASSERT_TRUE(wait_in(id, 2));
     EXPECT_EQ(receive(id), "U"); // the spare slot is for those that do not wait
     taskDelay(2);
@@ -212,7 +235,7 @@ TEST(MsgQTest, DeletionTurnsWaitersAwayEvenIfTheDeleterDies)
     for (int round = 0; round < 40; round++) {
         const bool full = round % 4 < 2;
         const MSG_Q_ID id = msgQCreate(1, 8, 0);
-        std::vector<std::jthread> waiters;
+        std::vector<std::thread> waiters;
         if (full) {
             send(id, "x");
         }
@@ -225,7 +248,7 @@ TEST(MsgQTest, DeletionTurnsWaitersAwayEvenIfTheDeleterDies)
         ASSERT_TRUE(wait_in(id, 3));
         taskLock();
         const taskId_t deleter = spawn([=] { EXPECT_EQ(msgQDelete(id), OK); });
-        ASSERT_TRUE(wait_for_mark(id));
+        ASSERT_TRUE(eventually([=] { return marked(id); }));
         if (full) {
             EXPECT_EQ(msgQNumMsgs(id), 1);
             expect_none(id, WAIT_FOREVER, 0);
@@ -233,14 +256,16 @@ TEST(MsgQTest, DeletionTurnsWaitersAwayEvenIfTheDeleterDies)
             send(id, "C", MSG_PRI_NORMAL, NO_WAIT, S_objLib_OBJ_UNAVAILABLE);
             send(id, "C", MSG_PRI_NORMAL, WAIT_FOREVER, S_objLib_OBJ_DELETED);
         }
-        EXPECT_EQ(code_of_delete(id), S_objLib_OBJ_ID_ERROR);
+        EXPECT_EQ(msgQDelete(id), ERROR);
         if (round % 2 == 0) {
             EXPECT_EQ(taskDelete(deleter), OK);
         }
         taskUnlock();
         ASSERT_TRUE(eventually([=] { return msgQNumMsgs(id) == -1; }));
         MSG_Q_ID next = msgQCreate(1, 8, 0);
-        waiters.clear();
+        for (std::thread& waiter : waiters) {
+            waiter.join();
+        }
         EXPECT_EQ(msgQDelete(next), OK);
     }
 }
@@ -249,17 +274,20 @@ TEST(MsgQTest, DeletionTurnsWaitersAwayEvenIfTheDeleterDies)
 TEST(MsgQTest, CancelledDeleterReturnsTheTaskLock)
 {
     MSG_Q_ID id = msgQCreate(1, 8, 0);
-    std::jthread receiver([=] { expect_none(id, WAIT_FOREVER, S_objLib_OBJ_DELETED); });
+    std::thread receiver([=] { expect_none(id, WAIT_FOREVER, S_objLib_OBJ_DELETED); });
     ASSERT_TRUE(wait_in(id, 1));
     taskLock();
-    std::jthread deleter([=] { msgQDelete(id); });
-    ASSERT_TRUE(wait_for_mark(id));
+    std::thread deleter([=] { msgQDelete(id); });
+    ASSERT_TRUE(eventually([=] { return marked(id); }));
     pthread_mutex_lock(&record(id)->queue_lock); // the receiver cannot leave
     taskUnlock();
     pthread_cancel(deleter.native_handle());
     pthread_mutex_unlock(&record(id)->queue_lock);
     deleter.join();
+    receiver.join();
     EXPECT_EQ(msgQNumMsgs(id), -1);
-    taskLock();
-    taskUnlock();
+    std::thread([] {
+        taskLock();
+        taskUnlock();
+    }).join();
 }

@@ -12,16 +12,18 @@
 #include <thread>
 #include <vector>
 
+static std::atomic<int> clock_reads;
 static timeval scripted = {0, 0};
 
 extern "C" int __real_gettimeofday(timeval* tv, void* zone);
 extern "C" int __wrap_gettimeofday(timeval* tv, void* zone)
 {
-    if (scripted.tv_sec == 0) {
-        return __real_gettimeofday(tv, zone);
+    clock_reads++;
+    if (scripted.tv_sec != 0) {
+        *tv = scripted;
+        return 0;
     }
-    *tv = scripted;
-    return 0;
+    return __real_gettimeofday(tv, zone);
 }
 
 static v2lsem_t* record(SEM_ID id)
@@ -47,22 +49,29 @@ static void expect_take(SEM_ID id, int max_wait, int code)
 
 TEST(SemTest, FirstCountsAreFormedByKind)
 {
-    const std::pair<SEM_ID, int> kinds[] = {
+    struct {
+        SEM_ID id;
+        int tokens;
+    } const kinds[] = {
         {semBCreate(0, 5), 1}, {semBCreate(4, SEM_EMPTY), 0}, {semBCreate(0, SEM_FULL), 1},
         {semCCreate(0, 3), 3}, {semCCreate(0, 0), 0},
     };
-    for (const auto& [id, tokens] : kinds) {
-        for (int i = 0; i < tokens; i++) {
-            expect_take(id, NO_WAIT, 0);
+    clock_reads = 0; // a token that is there, or no wait: no clock is looked at
+    for (const auto& kind : kinds) {
+        for (int i = 0; i < kind.tokens; i++) {
+            expect_take(kind.id, NO_WAIT, 0);
         }
-        expect_take(id, NO_WAIT, S_objLib_OBJ_UNAVAILABLE);
-        EXPECT_EQ(semGive(id), OK); // no kind caps its count
-        EXPECT_EQ(semGive(id), OK);
-        expect_take(id, INT_MIN, 0); // a token is there: the deadline does not matter
-        expect_take(id, WAIT_FOREVER, 0);
-        EXPECT_EQ(semDelete(id), OK);
+        expect_take(kind.id, NO_WAIT, S_objLib_OBJ_UNAVAILABLE);
+        EXPECT_EQ(semGive(kind.id), OK); // no kind caps its count
+        EXPECT_EQ(semGive(kind.id), OK);
+        expect_take(kind.id, 5, 0);
+        expect_take(kind.id, WAIT_FOREVER, 0);
+        EXPECT_EQ(semDelete(kind.id), OK);
     }
+    EXPECT_EQ(clock_reads, 0);
+    errno = 77;
     EXPECT_EQ(semCCreate(0, -1), nullptr);
+    EXPECT_EQ(errno, 77);
     fail_malloc(1);
     EXPECT_EQ(semMCreate(0), nullptr);
     fail_nothing();
@@ -70,6 +79,10 @@ TEST(SemTest, FirstCountsAreFormedByKind)
     semGive(full);
     EXPECT_EQ(record(full)->token_count, INT_MAX);
     semDelete(full);
+}
+
+TEST(SemTest, NullIdsAreRefused)
+{
     expect_take(nullptr, NO_WAIT, S_objLib_OBJ_ID_ERROR);
     for (status_t (*call)(SEM_ID) : {semGive, semFlush, semDelete}) {
         errno = 0;
@@ -84,29 +97,34 @@ TEST(SemTest, WaitsEndAtTheirDeadlineAndNotBefore)
     const int64_t before = now_ns();
     expect_take(id, 3, S_objLib_OBJ_TIMEOUT);
     EXPECT_GE(now_ns() - before, 29 * 1000000LL); // the wall clock may be slewed a little
-    expect_take(id, INT_MIN, S_objLib_OBJ_TIMEOUT);
-    std::jthread giver([=] {
-        eventually([=] { return waiters(id) == 1; });
+    for (const int past : {-2, INT_MIN}) {
+        expect_take(id, past, S_objLib_OBJ_TIMEOUT);
+        semGive(id);
+        expect_take(id, past, 0);
+    }
+    std::thread giver([&] {
+        eventually([&] { return waiters(id) == 1; });
         semGive(id);
     });
     expect_take(id, 300000, 0); // far beyond what 32 bits of microseconds hold
     giver.join();
-    EXPECT_EQ(record(id)->token_count, 0);
-    EXPECT_EQ(record(id)->users, 1);
     semDelete(id);
 }
 
 TEST(SemTest, DeadlinesAreComputedIn64Bits)
 {
-    const struct {
+    struct {
         long usec;
         int ticks;
         long sec;
         long nsec;
-    } cases[] = {
+    } const cases[] = {
+        {0, 1, 1000, 10000000},
         {990000, 1, 1001, 0}, // exactly a second: carried
         {999999, 1, 1001, 9999000},
         {500000, 214748, 3147, 980000000},
+        {0, 214749, 3147, 490000000},
+        {0, 300000, 4000, 0},
         {0, INT_MAX, 21474836 + 1000L, 470000000},
         {0, -2, 999, 980000000}, // past, and in range
         {5000, -1000000, -9000, 5000000},
@@ -117,7 +135,18 @@ TEST(SemTest, DeadlinesAreComputedIn64Bits)
         deadline_after(c.ticks, &deadline);
         EXPECT_EQ(deadline.tv_sec, c.sec) << c.ticks;
         EXPECT_EQ(deadline.tv_nsec, c.nsec) << c.ticks;
-        EXPECT_EQ(time_expired(&deadline), c.ticks < 0 ? 1 : 0);
+    }
+    struct {
+        timespec deadline;
+        BOOL expired;
+    } const looks[] = {
+        {{1000, 500000}, 1},   {{1000, 500001}, 0}, {{1000, 0}, 1},
+        {{999, 999999999}, 1}, {{1001, 0}, 0},
+    };
+    scripted = {1000, 500};
+    for (const auto& look : looks) {
+        timespec deadline = look.deadline;
+        EXPECT_EQ(time_expired(&deadline), look.expired);
     }
     scripted = {0, 0};
 }
@@ -128,7 +157,7 @@ TEST(SemTest, MutexBelongsToItsOwnerAndNests)
     std::atomic<int> step{0};
     expect_take(id, NO_WAIT, 0);
     expect_take(id, NO_WAIT, 0);
-    std::jthread other([&] {
+    std::thread other([&] {
 #ifndef __SANITIZE_THREAD__         // which calls it a fault, though the mutex refuses
         EXPECT_EQ(semGive(id), OK); // not the owner: nothing
 #endif
@@ -156,29 +185,44 @@ class ParkedWaiters {
         for (int i = 0; i < count; i++) {
             threads.emplace_back([=, this] { ok += semTake(id, max_wait) == OK ? 1 : 0; });
         }
-        EXPECT_TRUE(eventually([=] { return waiters(id) == count; }));
+        EXPECT_TRUE(eventually([&] { return waiters(id) == count; }));
     }
     int released()
     {
-        threads.clear();
+        for (std::thread& thread : threads) {
+            thread.join();
+        }
         return ok;
     }
 
   private:
     std::atomic<int> ok{0};
-    std::vector<std::jthread> threads;
+    std::vector<std::thread> threads;
 };
 
 TEST(SemTest, FlushReleasesExactlyThoseWaitingNow)
 {
     SEM_ID id = semCCreate(0, 0);
-    for (const int max_wait : {WAIT_FOREVER, 100000}) {
-        ParkedWaiters parked(id, 3, max_wait);
+    for (int round = 0; round < 20; round++) {
+        ParkedWaiters parked(id, 3, round % 2 == 0 ? WAIT_FOREVER : 100000);
         EXPECT_EQ(semFlush(id), OK);
+        expect_take(id, NO_WAIT, S_objLib_OBJ_UNAVAILABLE); // the mark does not stick
         EXPECT_EQ(parked.released(), 3);
-        expect_take(id, 1, S_objLib_OBJ_TIMEOUT); // the mark does not stick
+        EXPECT_EQ(record(id)->token_count, 0);
     }
+    EXPECT_EQ(semFlush(id), OK); // nobody there
+    expect_take(id, 1, S_objLib_OBJ_TIMEOUT);
     semDelete(id);
+}
+
+TEST(SemTest, DeletionReleasesWaitersAndFreesTheRecordAfterTheLast)
+{
+    for (int round = 0; round < 30; round++) {
+        SEM_ID id = round % 2 == 0 ? semBCreate(0, SEM_EMPTY) : semCCreate(0, 0);
+        ParkedWaiters parked(id, 1 + round % 8);
+        EXPECT_EQ(semDelete(id), OK);
+        EXPECT_EQ(parked.released(), 1 + round % 8);
+    }
 }
 
 // The holder of the task lock keeps giving; a deleter that waited for it with the semaphore's lock
@@ -204,28 +248,63 @@ TEST(SemTest, DeletionDoesNotBlockTheHolderOfTheTaskLock)
     deleter.join();
 }
 
-// Records die under waiters, alone or with takers with a time-out and givers that are about to
-// wake others. The task lock keeps the deleter from finishing until the users, who trust the id,
-// have stopped.
-TEST(SemTest, DeletionReleasesWaitersAndFreesTheRecordAfterTheLast)
+TEST(SemTest, StressedTokensAreNeitherLostNorMade)
 {
-    for (int round = 0; round < 80; round++) {
+    constexpr int THREADS = 4;
+    constexpr int ROUNDS = 5000;
+    SEM_ID tokens = semCCreate(0, 2);
+    SEM_ID mutex = semMCreate(0);
+    int guarded = 0;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < THREADS; t++) {
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < ROUNDS; i++) {
+                while (semTake(tokens, t % 2 == 0 ? WAIT_FOREVER : 1) != OK) {
+                }
+                semTake(mutex, WAIT_FOREVER);
+                guarded++;
+                semGive(mutex);
+                semGive(tokens);
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(guarded, THREADS * ROUNDS);
+    EXPECT_EQ(record(tokens)->token_count, 2);
+    EXPECT_EQ(record(tokens)->waiters, 0);
+    EXPECT_EQ(record(tokens)->users, 1);
+    semDelete(tokens);
+    semDelete(mutex);
+}
+
+// Records die under waiters, takers with a time-out and givers that are about to wake others. The
+// task lock keeps the deleter from finishing until the users, who trust the id, have stopped.
+TEST(SemTest, StressedDeletion)
+{
+    for (int round = 0; round < 60; round++) {
         SEM_ID id = semCCreate(0, 0);
-        ParkedWaiters parked(id, 1 + round % 8);
-        std::vector<std::jthread> users;
+        std::atomic<bool> stop{false};
+        ParkedWaiters parked(id, 2);
         taskLock();
-        for (int i = 0; i < round % 4; i++) {
-            users.emplace_back([=](const std::stop_token& stop) {
-                while (!stop.stop_requested()) {
+        std::vector<std::thread> users;
+        for (int i = 0; i < 3; i++) {
+            users.emplace_back([&, i] {
+                while (!stop) {
                     i == 0 ? semGive(id) : semTake(id, i == 1 ? 1 : NO_WAIT);
                 }
             });
         }
         usleep(static_cast<useconds_t>(round * 10));
-        std::jthread deleter([=] { EXPECT_EQ(semDelete(id), OK); });
+        std::thread deleter([&] { EXPECT_EQ(semDelete(id), OK); });
         usleep(static_cast<useconds_t>(round * 10));
-        users.clear();
+        stop = true;
+        for (std::thread& user : users) {
+            user.join();
+        }
         taskUnlock();
-        EXPECT_EQ(parked.released(), 1 + round % 8);
+        deleter.join();
+        EXPECT_EQ(parked.released(), 2);
     }
 }

@@ -372,6 +372,8 @@ TEST_F(InspectionTest, ListsTaskIdsInTheOrderOfTheirSpawn)
 TEST_F(InspectionTest, NamesStatusCodes)
 {
     EXPECT_STREQ(VxWorksError(0x3d0004), "S_objLib_OBJ_TIMEOUT");
+    EXPECT_STREQ(VxWorksError(0x110001), "S_memLib_NOT_ENOUGH_MEMORY");
+    EXPECT_STREQ(VxWorksError(0x30065), "S_taskLib_ILLEGAL_PRIORITY");
     EXPECT_STREQ(VxWorksError(ENOENT), "No such file or directory");
 }
 

@@ -1,8 +1,11 @@
 #include "fail.h"
 #include "osaMsg.h"
+#include "osaTask.h"
+#include "task_probe.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <sys/stat.h>
@@ -21,14 +24,11 @@ static std::string drain()
     return held;
 }
 
-/** Adds descriptors, and says which found room. */
-static std::string add(const std::string& fds)
+/** How many of some descriptors find room. */
+static int add(const std::vector<int>& fds)
 {
-    std::string added;
-    for (const char fd : fds) {
-        added += logFdAdd(fd - '0') == OK ? std::string(1, fd) : "";
-    }
-    return added;
+    return static_cast<int>(
+        std::count_if(fds.begin(), fds.end(), [](int fd) { return logFdAdd(fd) == OK; }));
 }
 
 TEST(LogTest, TableHoldsFiveAndSettingReplacesTheDefaultAndNoOther)
@@ -37,18 +37,22 @@ TEST(LogTest, TableHoldsFiveAndSettingReplacesTheDefaultAndNoOther)
     drain();
     logFdSet(1);
     EXPECT_EQ(logFdDelete(3), ERROR);
-    EXPECT_EQ(add("34356"), "3435");
-    logFdSet(2);                   // full, but for the default's own place
+    EXPECT_EQ(add({3, 4, 3, 5, 6}), 4);
     EXPECT_EQ(logFdDelete(3), OK); // one of the two
-    EXPECT_EQ(add("76"), "7");
+    logFdSet(2);
+    EXPECT_EQ(add({7, 6}), 1);
     EXPECT_EQ(drain(), "23457");
 
-    add("34567"); // the old default is gone already
-    logFdSet(1);  // full: no default any more
+    logFdSet(2); // the old default is gone already
+    EXPECT_EQ(add({3, 4, 5, 6}), 4);
+    logFdSet(7); // full, but for the default's own place
+    EXPECT_EQ(logFdDelete(7), OK);
+    EXPECT_EQ(add({3}), 1);
+    logFdSet(1); // full: no default any more
     EXPECT_EQ(logFdDelete(3), OK);
-    EXPECT_EQ(add("1"), "1");
+    EXPECT_EQ(add({1}), 1);
     logFdSet(2); // takes out nothing, for that 1 is somebody else's
-    EXPECT_EQ(drain(), "14567");
+    EXPECT_EQ(drain(), "13456");
 }
 
 static std::atomic<int> messages = 0;
@@ -95,44 +99,68 @@ TEST(LogDeathTest, TableNeedsItsSemaphoreAndMessagesOnlyACallback)
     EXPECT_EXIT(body(), testing::ExitedWithCode(0), "");
 }
 
+// Tasks that end in the middle of it leave the table whole and open to others.
+TEST(LogTest, DeletedTasksLeaveTheTableOpen)
+{
+    logInit(1, 100);
+    for (int round = 0; round < 75; round++) {
+        probe p;
+        const taskId_t id = spawn([&p, round] {
+            for (probe_attach(&p);;) {
+                logFdAdd(3);
+                logMsg(const_cast<char*>("text"), 0, 0, 0, 0, 0, 0);
+                setExLogCallBack(round % 2 == 0 ? count_message : nullptr);
+                logFdDelete(3);
+            }
+        });
+        ASSERT_TRUE(eventually([&] { return p.running.load(); }));
+        logFdDelete(3); // the two of us at it at once
+        ASSERT_EQ(taskDelete(id), OK);
+        ASSERT_TRUE(eventually([&] { return p.ended.load(); }));
+        drain();
+        ASSERT_EQ(logFdAdd(4), OK);
+        EXPECT_EQ(drain(), "4");
+    }
+    setExLogCallBack(nullptr);
+}
+
 // ---- Pipes ----
 
 TEST(Pipe, IsAFifoAndAnExistingFileWillDo)
 {
-    char name[] = "/tmp/pipeXXXXXX";
-    char missing[] = "/nowhere/fifo";
-    struct stat info = {};
-    close(mkstemp(name));
-    EXPECT_EQ(pipeDevCreate(name, 1, 1), OK);
-    EXPECT_EQ(pipeDevDelete(name, 0), OK);
-    EXPECT_NE(access(name, F_OK), 0);
+    char dir[] = "/tmp/pipeXXXXXX";
+    ASSERT_NE(mkdtemp(dir), nullptr);
+    std::string name = std::string(dir) + "/fifo";
+    std::string missing = std::string(dir) + "/missing/fifo";
+    struct stat info;
     const mode_t mask = umask(022);
-    EXPECT_EQ(pipeDevCreate(name, 1, 1), OK);
+    EXPECT_EQ(pipeDevCreate(name.data(), 1, 1), OK);
+    EXPECT_EQ(pipeDevCreate(name.data(), 1, 1), OK);
     umask(mask);
-    stat(name, &info);
+    EXPECT_EQ(stat(name.c_str(), &info), 0);
     EXPECT_EQ(info.st_mode, S_IFIFO | 0755U);
-    for (char* gone : {name, name, static_cast<char*>(nullptr)}) {
+    for (char* gone : {name.data(), name.data(), static_cast<char*>(nullptr)}) {
         EXPECT_EQ(pipeDevDelete(gone, 0), OK);
     }
-    EXPECT_EQ(pipeDevCreate(missing, 1, 1), ERROR);
+    EXPECT_NE(stat(name.c_str(), &info), 0);
+    EXPECT_EQ(pipeDevCreate(missing.data(), 1, 1), ERROR);
     EXPECT_EQ(errno, ENOENT);
     EXPECT_EQ(pipeDevCreate(nullptr, 1, 1), ERROR);
+    rmdir(dir);
 }
 
-// ---- A function under libc's name ----
+// ---- Functions under libc's names ----
 
 // Through a pointer, for the headers may have an inline body of their own.
 static ssize_t (*volatile line_of)(char**, size_t*, FILE*) = getline;
 
 TEST(Replaced, GetlineFillsTheCallersBufferWhichMustHaveRoom)
 {
-    const struct {
+    struct {
         size_t room;
-        ssize_t length;
-        const char* left; // in the buffer
-    } reads[] = {{1, -1, "kept"}, {0, -1, "kept"},      {16, 4, "abc\n"},
-                 {4, 3, "abc"},   {4, 3, "def"},        {4, 3, "gh\n"},
-                 {2, 1, "l"},     {SIZE_MAX, 3, "ast"}, {16, -1, "ast"}};
+        const char* line; // nullptr: refused, or the end
+    } const reads[] = {{1, nullptr}, {0, nullptr}, {16, "abc\n"},     {4, "abc"},   {4, "def"},
+                       {4, "gh\n"},  {2, "l"},     {SIZE_MAX, "ast"}, {16, nullptr}};
     char text[] = "abc\nabcdefgh\nlast";
     FILE* file = fmemopen(text, strlen(text), "r");
     char buffer[16] = "kept";
@@ -145,9 +173,18 @@ TEST(Replaced, GetlineFillsTheCallersBufferWhichMustHaveRoom)
     EXPECT_EQ(line_of(&none, &room, file), -1);
     EXPECT_EQ(errno, EINVAL);
     for (const auto& read : reads) {
+        const std::string expected = read.line != nullptr ? read.line : std::string(buffer);
+        const ssize_t length = read.line != nullptr ? static_cast<ssize_t>(expected.size()) : -1;
         room = read.room;
-        EXPECT_EQ(line_of(&start, &room, file), read.length) << read.left;
-        EXPECT_STREQ(buffer, read.left);
+        EXPECT_EQ(line_of(&start, &room, file), length) << expected;
+        EXPECT_EQ(buffer, expected);
     }
     fclose(file);
+}
+
+TEST(Replaced, HostNameStaysAndThreadsHaveIds)
+{
+    EXPECT_EQ(sethostname(std::string(1000, 'x').c_str(), 1000), 0); // the system's would refuse
+    EXPECT_EQ(gettid(), getpid());
+    std::thread([] { EXPECT_NE(gettid(), getpid()); }).join();
 }

@@ -307,7 +307,9 @@ TEST_F(WatchdogTest, RestartsPendingTogetherEachStartTheirTask)
     restart(anew);
     fail_nothing();
     EXPECT_EQ(taskIdVerify(anew), OK);
-    process_wdog(); // nothing pending
+    pthread_mutex_lock(&task_list_lock);
+    EXPECT_EQ(task_for(anew)->restarts, 0); // or the block would outlive the task
+    pthread_mutex_unlock(&task_list_lock);
     leave = true;
     EXPECT_TRUE(eventually([=] { return thread_count() == threads; }));
     EXPECT_EQ(taskNameToId(names[0]), 0U);
