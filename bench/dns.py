@@ -50,4 +50,4 @@ def run(command, environment):
         subprocess.run([*namespace(), "bash", "-c", SCRIPT.format(server=server), "bash",
                         resolv_conf.name, *command],
                        check=True, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
-                       env=dict(os.environ, HNETD_BENCH_DNS="1", **environment))
+                       env=dict(os.environ, **environment))

@@ -256,8 +256,8 @@ def make(result, busy_machine=False):
         table.lines.append(f"FAILED {error}")
 
     head = [result["machine"],
-            f"{result['date']}, {result['elapsed']:.0f} s, every row interleaved at random with "
-            "all others;",
+            f"{result['date']}, {result['elapsed']:.0f} s, rows in random order, the contestants "
+            "of each interleaved at random;",
             "median, half the distance between the quartiles (±), and hnetd's median over the "
             "other's."]
     if busy_machine:
