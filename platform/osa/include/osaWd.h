@@ -91,8 +91,8 @@ unsigned long wdAdjust(struct timeval t1, struct timeval t2);
  * may be pending. Without memory nothing happens.
  *
  * The caller sees to it that the task's thread ends. It may end before the tick, by pthread_exit:
- * the task keeps its block and its id until then. A task that is deleted, or whose entry returns, is
- * gone and not restarted.
+ * the task keeps its block and its id until then. A task that is deleted, or whose entry returns,
+ * is gone and not restarted.
  *
  * @param restart_task  block of a live task, which exists during the call: it is the caller's own,
  *                      or the caller holds task_list_lock
