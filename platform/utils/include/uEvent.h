@@ -52,8 +52,8 @@ void uEventUninit(void);
  *                      again changes nothing, logged at debug level. Null cares for the event, so
  *                      that a raise finds it, and is not called.
  * @param handle        handed to every call; the registry never looks at it
- * @return 1 registered, or registered before; 0, logged as an error, when there are 256 other
- * events or no memory
+ * @return 1 registered, or registered before; 0, logged as an error, without memory and when there
+ *         are 256 other events
  */
 bool_t uEventCare(char* eventName, EVENTPROCESS eventProcess, void* handle);
 
