@@ -319,4 +319,10 @@ TEST_F(TaskTest, UnsupportedCallsSayEnosys)
     }
     EXPECT_EQ(taskIsReady(1), 1);
     EXPECT_EQ(taskIsSuspended(1), 0);
+    EXPECT_EQ(taskSafe(), 38);
+    EXPECT_EQ(taskUnsafe(), 38);
+    disableRoundRobin();
+    EXPECT_EQ(roundRobinIsEnabled(), 0);
+    enableRoundRobin();
+    EXPECT_EQ(roundRobinIsEnabled(), 1);
 }
