@@ -131,31 +131,15 @@ static void free_block(task_t* task)
     ts_free(task);
 }
 
-static void task_delete(taskId_t tid)
-{
-    task_t* task = nullptr;
-
-    LOCK_SECTION(&task_list_lock, taskListHeld);
-    task = task_for(tid);
-    if (task != nullptr) {
-        unlink_block_locked(task);
-    }
-    END_SECTION(taskListHeld);
-
-    if (task != nullptr) {
-        free_block(task);
-    }
-}
-
-// The calling thread ends: its block goes as well, or stays without a thread if a restart is to
-// come.
-static void part_with_block(void)
+// Takes the caller's block out, if it has one. Unless the task goes for good, a block that waits for
+// a restart stays, parted from the thread.
+static void task_delete(bool for_good)
 {
     task_t* gone = nullptr;
 
     LOCK_SECTION(&task_list_lock, taskListHeld);
     task_t* task = my_task();
-    if (task != nullptr && load_relaxed(&task->restarts) > 0) {
+    if (task != nullptr && !for_good && load_relaxed(&task->restarts) > 0) {
         task->threadless = 1;
     } else if (task != nullptr) {
         unlink_block_locked(task);
@@ -224,7 +208,7 @@ static void task_wrapper_cleanup(void*)
     thread_record_t* me = self_record;
 
     TEST_POINT();
-    part_with_block();
+    task_delete(false);
     task_lock_leave();
     record_retire(me);
 }
@@ -287,7 +271,7 @@ static void run_entry(thread_record_t* me, const task_start_t* start)
     callout_begin(me);
     start->entry(p[0], p[1], p[2], p[3], p[4], p[5], p[6], p[7], p[8], p[9]);
     callout_end(me);
-    task_delete(0); // an entry that returns takes its block with it, restart or not
+    task_delete(true); // an entry that returned is not restarted
     pthread_cleanup_pop(1);
 }
 
@@ -568,7 +552,7 @@ status_t taskPrioritySet(taskId_t, int)
 [[noreturn]] static void delete_self(void)
 {
     ending_enter();
-    task_delete(0);
+    task_delete(true);
     pthread_exit(nullptr);
 }
 
