@@ -131,8 +131,8 @@ static void free_block(task_t* task)
     ts_free(task);
 }
 
-// Takes the caller's block out, if it has one. Unless the task goes for good, a block that waits for
-// a restart stays, parted from the thread.
+// Takes the caller's block out, if it has one. Unless the task goes for good, a block that waits
+// for a restart stays, parted from the thread.
 static void task_delete(bool for_good)
 {
     task_t* gone = nullptr;
