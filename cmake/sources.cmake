@@ -13,6 +13,7 @@ set(HNETD_SOURCES
   platform/osa/linux/src/ifLib.cpp
   platform/osa/linux/src/internal.cpp
   platform/osa/linux/src/lkernelLib.cpp
+  platform/osa/linux/src/lockWord.cpp
   platform/osa/linux/src/lmsgQLib.cpp
   platform/osa/linux/src/lsemLib.cpp
   platform/osa/linux/src/lstLib.cpp
