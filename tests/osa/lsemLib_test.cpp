@@ -1,3 +1,4 @@
+#include "child.h"
 #include "fail.h"
 #include "internal.h"
 #include "osaSem.h"
@@ -8,6 +9,7 @@
 
 #include <cerrno>
 #include <climits>
+#include <cstring>
 #include <sys/time.h>
 #include <thread>
 #include <vector>
@@ -24,6 +26,35 @@ extern "C" int __wrap_gettimeofday(timeval* tv, void* zone)
         return 0;
     }
     return __real_gettimeofday(tv, zone);
+}
+
+static std::atomic<bool> asleep; // in a sleep of the product's
+
+extern "C" int __real_clock_nanosleep(clockid_t clock, int flags, const timespec* t,
+                                      timespec* left);
+extern "C" int __wrap_clock_nanosleep(clockid_t clock, int flags, const timespec* t, timespec* left)
+{
+    asleep = true;
+    return __real_clock_nanosleep(clock, flags, t, left);
+}
+
+static std::atomic<void*> watched; // a record whose end is waited for
+static std::atomic<int64_t> freed_at;
+
+extern "C" void __real_free(void* block);
+extern "C" void __wrap_free(void* block)
+{
+    if (block != nullptr && block == watched) {
+        freed_at = now_ns();
+        watched = nullptr;
+    }
+    __real_free(block);
+}
+
+static void watch(SEM_ID id)
+{
+    freed_at = 0;
+    watched = id;
 }
 
 static v2lsem_t* record(SEM_ID id)
@@ -45,6 +76,45 @@ static void expect_take(SEM_ID id, int max_wait, int code)
     errno = 0;
     EXPECT_EQ(semTake(id, max_wait), code == 0 ? OK : ERROR);
     EXPECT_EQ(errno, code);
+}
+
+// Whatever the task was doing when it was deleted, what is given from then on is for others.
+static void give_after_deletion()
+{
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+    static constexpr int TRIES = 600;
+#else
+    static constexpr int TRIES = 3000;
+#endif
+    static constexpr int WAITS[] = {NO_WAIT, -2, 1, WAIT_FOREVER};
+    static probe probes[TRIES];
+    stdout_capture quiet;
+    SEM_ID id = semBCreate(0, SEM_EMPTY);
+    int lost = 0;
+    for (int nth = 0; nth < TRIES; nth++) {
+        const taskId_t victim = spawn([=] {
+            probe_attach(&probes[nth]);
+            for (;;) {
+                semTake(id, WAITS[nth % 4]);
+#if defined(__SANITIZE_THREAD__)
+                taskIdVerify(0); // the sanitizer delivers signals at calls it knows
+#endif
+            }
+        });
+        usleep(static_cast<useconds_t>(nth / 4 % 40));
+        taskDelete(victim);
+        semGive(id);
+        ASSERT_TRUE(eventually([=] { return probes[nth].ended.load(); }));
+        lost += semTake(id, NO_WAIT) != OK ? 1 : 0;
+    }
+    EXPECT_EQ(lost, 0);
+    EXPECT_EQ(record(id)->users, 1);
+    semDelete(id);
+}
+
+TEST(SemTest, StressedDeletionOfTakersLosesNoTokenGivenAfterIt)
+{
+    EXPECT_TRUE(passes_in_child(give_after_deletion));
 }
 
 TEST(SemTest, FirstCountsAreFormedByKind)
@@ -215,13 +285,84 @@ TEST(SemTest, FlushReleasesExactlyThoseWaitingNow)
     semDelete(id);
 }
 
-TEST(SemTest, DeletionReleasesWaitersAndFreesTheRecordAfterTheLast)
+// A waiter that comes round finds at once all that happened meanwhile, its deadline included.
+TEST(SemTest, WakingWaitersHonourDeletionThenFlushThenTokenThenDeadline)
 {
-    for (int round = 0; round < 30; round++) {
-        SEM_ID id = round % 2 == 0 ? semBCreate(0, SEM_EMPTY) : semCCreate(0, 0);
-        ParkedWaiters parked(id, 1 + round % 8);
+    struct {
+        const char* events; // f: flush, g: give, d: deletion
+        int code;
+        int tokens; // that are left
+    } const cases[] = {
+        {"", S_objLib_OBJ_TIMEOUT, 0},
+        {"g", 0, 0},
+        {"f", 0, 0},
+        {"gg", 0, 1},
+        {"fg", 0, 1},
+        {"gf", 0, 1},
+        {"d", 0, 0},
+        {"gd", 0, 1},
+        {"dg", 0, 1},
+    };
+    for (const auto& c : cases) {
+        const bool deleted = strchr(c.events, 'd') != nullptr;
+        SCOPED_TRACE(c.events);
+        SEM_ID id = semBCreate(0, SEM_EMPTY);
+        scripted = {1000, 0};
+        std::thread waiter([&] { expect_take(id, 1, c.code); });
+        ASSERT_TRUE(eventually([&] { return waiters(id) == 1; }));
+        watch(id);
+        pthread_mutex_lock(&record(id)->sem_lock);
+        scripted = {1001, 0}; // it is past the deadline when the lock is let go
+        for (const char* event = c.events; *event != '\0'; event++) {
+            const int64_t before = now_ns();
+            EXPECT_EQ((*event == 'g' ? semGive : *event == 'f' ? semFlush : semDelete)(id), OK);
+            EXPECT_GE(now_ns() - before, *event == 'd' ? msPerTick * 1000000LL : 0);
+        }
+        EXPECT_EQ(freed_at, 0);
+        pthread_mutex_unlock(&record(id)->sem_lock);
+        waiter.join();
+        scripted = {0, 0};
+        EXPECT_EQ(freed_at != 0, deleted); // by the last to leave
+        if (!deleted) {
+            EXPECT_EQ(record(id)->token_count, c.tokens);
+            EXPECT_EQ(semDelete(id), OK);
+        }
+    }
+}
+
+TEST(SemTest, DeletionReleasesAllWaiters)
+{
+    for (const int count : {1, 2, 8}) {
+        SEM_ID id = semCCreate(0, 0);
+        ParkedWaiters parked(id, count);
+        watch(id);
         EXPECT_EQ(semDelete(id), OK);
-        EXPECT_EQ(parked.released(), 1 + round % 8);
+        EXPECT_EQ(parked.released(), count);
+        EXPECT_NE(freed_at, 0);
+    }
+}
+
+// Deleted while it waits for the task lock, or in the pause itself.
+TEST(SemTest, DeletedDeletersLeaveLatecomersTheirTick)
+{
+    for (const bool locked : {true, false}) {
+        SEM_ID id = semBCreate(0, SEM_EMPTY);
+        watch(id);
+        if (locked) {
+            taskLock();
+        }
+        asleep = false;
+        const int64_t before = now_ns();
+        const taskId_t deleter = spawn([=] { semDelete(id); });
+        ASSERT_TRUE(eventually([=] { // a marked semaphore's takes come back without a token
+            return locked ? semTake(id, NO_WAIT) == OK : asleep.load();
+        }));
+        taskDelete(deleter);
+        ASSERT_TRUE(eventually([] { return freed_at != 0; }));
+        EXPECT_GE(freed_at - before, msPerTick * 1000000LL);
+        if (locked) {
+            taskUnlock();
+        }
     }
 }
 

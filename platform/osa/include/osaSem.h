@@ -13,8 +13,8 @@
 // An id is an address and is not verified, apart from null: S_objLib_OBJ_ID_ERROR.
 //
 // Any thread may call any operation. A task deleted while it waits leaves the semaphore as if it
-// had never come, and never holds it afterwards; one that already holds a mutex-kind semaphore
-// takes it with it, locked.
+// had never come, and never holds it afterwards. What is given once taskDelete has returned never
+// goes to the deleted task. One that already holds a mutex-kind semaphore takes it with it, locked.
 #pragma once
 
 #include "v2lpthread.h"
@@ -89,7 +89,7 @@ status_t semFlush(SEM_ID semaphorePtr);
  *
  * The caller makes sure that nobody uses the id afterwards, and that nobody but itself holds or
  * waits for a mutex-kind semaphore. A give or take that another thread has begun has the tick to
- * get to the semaphore.
+ * get to the semaphore; it passes in full, even if the deleting task is itself deleted meanwhile.
  *
  * @return OK, or ERROR with errno S_objLib_OBJ_ID_ERROR for a null id, and for a semaphore that
  *         another task is deleting at this moment

@@ -212,6 +212,9 @@ int op_wait(thread_record_t* me, pthread_cond_t* cond, pthread_mutex_t* mutex,
 /** Sleeps for a time on the monotonic clock; returns early only when the caller is to end. */
 void op_sleep_ms(thread_record_t* me, long long ms);
 
+/** Sleeps for the tick that a deletion grants to latecomers; nothing cuts it short. */
+void sleep_a_tick(void);
+
 /** Marks a thread to end; its waits end from now on. The caller signals and wakes it as well. */
 void record_ask_end(thread_record_t* record);
 

@@ -41,8 +41,7 @@ static constexpr int SEM_KIND_BINARY = 0;
 static constexpr int SEM_KIND_MUTEX = 0x10;
 static constexpr int SEM_KIND_COUNTING = 0x20;
 
-/** Bits of the send_type of a semaphore or a queue. */
-static constexpr int SEND_FLUSHED = 1;
+/** Bit of the send_type of a semaphore or a queue. */
 static constexpr int SEND_DELETED = 2;
 
 /** Semaphore. Guarded by sem_lock unless said otherwise. */
@@ -54,7 +53,7 @@ typedef struct v2lsem {
     pthread_mutex_t mutex_lock;     // the lock that a mutex-kind semaphore is
     int flags;                      // SEM_KIND_, constant
     int token_count;
-    int send_type;                 // SEND_FLUSHED once flushed, SEND_DELETED while going away
+    int send_type;                 // SEND_DELETED while going away; 1, for flushed, never
     int recursion_level;           // always 0: mutex_lock counts for itself
     struct v2lsem* nxt_sem;        // always null: semaphores are not registered
     int waiters;                   // tasks asleep on sem_send

@@ -230,6 +230,15 @@ void op_sleep_ms(thread_record_t* me, long long ms)
     }
 }
 
+void sleep_a_tick(void)
+{
+    const int ms = load_relaxed(&msPerTick);
+    struct timespec left = {ms / 1000, ms % 1000 * NS_PER_MS};
+
+    while (clock_nanosleep(CLOCK_MONOTONIC, 0, &left, &left) == EINTR) {
+    }
+}
+
 // ---- Shared helpers ----
 
 void deadline_after(int ticks, struct timespec* deadline)

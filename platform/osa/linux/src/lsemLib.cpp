@@ -97,21 +97,6 @@ SEM_ID semMCreate(int)
 
 // ---- Taking ----
 
-// A thread that ends inside the wait by its own doing. C libraries differ in whether sem_lock is
-// held then; being recursive it is taken in either case, and the second unlock is refused to a
-// thread that did not hold it.
-static void abandon_wait(void* arg)
-{
-    ending_enter();
-    v2lsem_t* semaphore = static_cast<v2lsem_t*>(arg);
-
-    pthread_mutex_lock(&semaphore->sem_lock);
-    semaphore->waiters--;
-    pthread_mutex_unlock(&semaphore->sem_lock);
-    pthread_mutex_unlock(&semaphore->sem_lock);
-    drop_user(semaphore);
-}
-
 // retcode: 0 taken, flushed or deleted; ETIMEDOUT; ECANCELED when the caller is to end. A token,
 // a flush or a deletion that comes with the deadline wins.
 static void waiting_on_sem(v2lsem_t* semaphore, struct timespec* timeout, int* retcode)
@@ -152,9 +137,7 @@ static status_t wait_for_token(v2lsem_t* semaphore, int max_wait) REQUIRES(semHe
         deadline_after(max_wait, &deadline);
     }
     semaphore->waiters++;
-    pthread_cleanup_push(abandon_wait, semaphore);
     waiting_on_sem(semaphore, max_wait != WAIT_FOREVER ? &deadline : nullptr, &retcode);
-    pthread_cleanup_pop(0);
     semaphore->waiters--;
 
     if (retcode == ETIMEDOUT) {
@@ -180,6 +163,8 @@ static status_t take_token(v2lsem_t* semaphore, int max_wait)
     LOCK_SECTION(&semaphore->sem_lock, semHeld);
     if ((semaphore->send_type & SEND_DELETED) != 0) {
         status = OK; // without a token, like the waiters
+    } else if (end_asked(me)) {
+        status = S_objLib_OBJ_UNAVAILABLE; // what is given after the deletion is not for the dead
     } else if (semaphore->token_count > 0) {
         semaphore->token_count--;
     } else if (max_wait == NO_WAIT) {
@@ -263,7 +248,6 @@ status_t semFlush(SEM_ID semaphorePtr)
     }
     thread_record_t* me = op_enter();
     LOCK_SECTION(&semaphore->sem_lock, semHeld);
-    semaphore->send_type |= SEND_FLUSHED;
     semaphore->flush_generation++;
     semaphore->users++;
     END_SECTION(semHeld);
@@ -290,10 +274,11 @@ status_t semDelete(SEM_ID semaphorePtr)
         return fail_with(S_objLib_OBJ_ID_ERROR);
     }
     pthread_cond_broadcast(&semaphore->sem_send);
-    // The pause covers callers that have the id in hand and are about to take sem_lock. One that
-    // is itself told to end cuts it short.
-    if (task_lock_take(me)) {
-        op_sleep_ms(me, load_relaxed(&msPerTick));
+    // The pause covers callers that have the id in hand and are about to take sem_lock. A deleter
+    // that is itself told to end waits for no task lock, but leaves them their tick.
+    const bool locked = task_lock_take(me);
+    sleep_a_tick();
+    if (locked) {
         task_lock_give();
     }
     drop_user(semaphore);
