@@ -7,6 +7,7 @@ set(HNETD_SOURCES
   platform/utils/src/uMem.cpp
   platform/utils/src/uQm.cpp
   platform/utils/src/uTimer.cpp
+  platform/utils/src/uTimerClock.cpp
   platform/utils/src/ulist.cpp
   platform/osa/resolvLib.cpp
   platform/osa/linux/src/hostLib.cpp

@@ -1,5 +1,4 @@
-// The timer service: a delta list of one-shot timers aged by the pump, the measuring of wall-clock
-// steps, and the records of absolute-time timers.
+// The timer service: a delta list of one-shot timers aged by the pump.
 //
 // timerList is ordered by expiry. A node's expires counts from its predecessor's expiry, so the
 // gaps up to a node add up to its time left, and a pass with nothing due looks at the head alone.
@@ -7,8 +6,8 @@
 // can bring about, sticks at the largest value. A timer goes in front of those that expire at the
 // same time.
 //
-// Nodes carry their own list link, so nothing here allocates but the creation of the service and
-// the records of absolute-time timers. Timers that expired are cut off the list as one chain, which
+// Nodes carry their own list link, so nothing here allocates but the creation of the service.
+// Timers that expired are cut off the list as one chain, which
 // belongs to the uTimerRun that cut it; each goes back to the pool after its callback, and those a
 // thread leaves behind when it ends in a callback go back to the head of the list.
 //
@@ -18,15 +17,11 @@
 // puts a new word there when it is done; a pass that meets no word locks as well. Whoever only
 // looks leaves the word alone, and reckons with what has passed.
 //
-// A re-synchronisation takes the whole chain of records away while it walks it, and puts what is
-// left in front of those that were added meanwhile.
-//
 // Locks; none is taken inside another, but for the pool's while it is built:
 //   creation_lock     the creation of the service; timerList is stored last
 //   timerMutex        timerList's content and uTimerId; idle_word is 0 while they may change. It is
 //                     the lock of the pool's free queue as well: a block is taken or given back
 //                     inside without a second lock
-//   event_lock        timerEventList, its end, and gTime
 // Log lines and callbacks come after the locks.
 #include "uTimer.h"
 #include "internal.h"
@@ -34,19 +29,14 @@
 #include "osaSem.h"
 #include "osaTask.h"
 #include "uBm.h"
-#include "uEvent.h"
 #include "ulist.h"
 
 #include <pthread.h>
-#include <time.h>
 
 static const char* const uTimerLogName = "quarn.utils.timer";
 
 static constexpr int32_t DEFAULT_TIMERS = 300; // also the smallest pool
 static constexpr uint32_t MS_PER_S = 1000;
-static constexpr uint32_t STEP_S = 10;          // seconds ahead that still count as time passed
-static constexpr uint32_t PUMP_CYCLE_MS = 50;   // what a cycle with a clock step counts as
-static constexpr uint32_t TOLERANCE_SHARE = 10; // a tenth of the time may differ
 static constexpr uint32_t CACHE_LINE = 64;
 
 typedef struct uTimerNode {
@@ -60,12 +50,6 @@ typedef struct uTimerNode {
 
 static_assert(sizeof(uBmBufHead_t) + sizeof(uTimerNode_t) == CACHE_LINE,
               "a step of a walk touches one line");
-
-typedef struct uTimerEventInfo {
-    time_t timeSec;   // wall-clock second at which the timer is due
-    uint32_t timerId; // the relative timer armed for it, 0: none
-    unode_t link;     // in timerEventList, or in the chain of a re-synchronisation
-} uTimerEventInfo_t;
 
 /** Where a timer stands, or would stand, in timerList. */
 typedef struct {
@@ -81,10 +65,8 @@ typedef struct {
 
 static constexpr lock_role_t creationHeld; // creation_lock
 static constexpr lock_role_t timersHeld;   // timerMutex
-static constexpr lock_role_t eventsHeld;   // event_lock
 
 static pthread_mutex_t creation_lock = PTHREAD_MUTEX_INITIALIZER;
-static pthread_mutex_t event_lock = PTHREAD_MUTEX_INITIALIZER;
 
 static ulist_t* timerList = nullptr;    // atomic; set once, when all else is there
 static SEM_ID timerMutex = nullptr;     // constant once timerList is set
@@ -92,11 +74,6 @@ static uBmHostHeap_t bmMgrTimerPoolHdr; // guarded by timerMutex; all zero: no t
 static uint8_t* uTimerPool = nullptr;   // its memory, never freed
 static uint64_t idle_word = 0;          // atomic; see idle_of()
 static uint32_t uTimerId GUARDED_BY(timersHeld) = 1;
-
-static ulist_t* timerEventList GUARDED_BY(eventsHeld) = nullptr; // in order of creation
-static unode_t** timerEventEnd GUARDED_BY(eventsHeld) = nullptr; // where the next one is linked
-static time_t gTime GUARDED_BY(eventsHeld) = 0;                  // second of the previous check
-static uint32_t steps_seen GUARDED_BY(eventsHeld) = 0;           // re-synchronisations so far
 
 // ---- Creation ----
 
@@ -537,193 +514,4 @@ void uTimerRun(int32_t time_gap)
         run_due(me, &due);
     }
     op_leave(me);
-}
-
-// ---- Absolute-time timers ----
-
-/** Seconds from one instant to another, modulo 2^32. */
-static int32_t seconds_between(time_t from, time_t to)
-{
-    return static_cast<int32_t>(static_cast<uint64_t>(to) - static_cast<uint64_t>(from));
-}
-
-static uTimerEventInfo_t* record_of(unode_t* link)
-{
-    return reinterpret_cast<uTimerEventInfo_t*>(link->element);
-}
-
-/** Puts a chain of records in front of the list. */
-static void put_records_locked(unode_t* chain) REQUIRES(eventsHeld)
-{
-    if (chain == nullptr) {
-        return;
-    }
-    unode_t** link = &chain;
-    for (; *link != nullptr; link = &(*link)->next) {
-        timerEventList->size++;
-    }
-    if (timerEventList->node == nullptr) {
-        timerEventEnd = link;
-    }
-    *link = timerEventList->node;
-    timerEventList->node = chain;
-}
-
-/** How long it is until an instant, 0 if that has passed. */
-static int32_t seconds_left(time_t now, time_t timeSec)
-{
-    const int32_t left = seconds_between(now, timeSec);
-    return left > 0 ? left : 0;
-}
-
-static bool event_list_ready(uint32_t* steps)
-{
-    bool ready = false;
-
-    LOCK_SECTION(&event_lock, eventsHeld);
-    if (timerEventList == nullptr) {
-        timerEventList = uListInit(FALSE);
-        timerEventEnd = timerEventList == nullptr ? nullptr : &timerEventList->node;
-    }
-    ready = timerEventList != nullptr;
-    *steps = steps_seen;
-    END_SECTION(eventsHeld);
-    return ready;
-}
-
-/**
- * Arms the timer of a record and links the record, whether or not a timer could be armed.
- *
- * @param steps  re-synchronisations before the clock was read
- */
-static uint32_t arm_record(uTimerEventInfo_t* record, void* cb, void* param, uint32_t steps)
-{
-    const time_t timeSec = record->timeSec;
-    const uint32_t id = uTimerAddSec(cb, param, seconds_between(time(nullptr), timeSec));
-    bool stepped = false;
-
-    record->timerId = id;
-    record->link = {.next = nullptr, .element = reinterpret_cast<addr_t>(record)};
-    LOCK_SECTION(&event_lock, eventsHeld);
-    *timerEventEnd = &record->link;
-    timerEventEnd = &record->link.next;
-    timerEventList->size++;
-    stepped = steps_seen != steps;
-    END_SECTION(eventsHeld);
-
-    // The re-synchronisation did not know of this record. It may be gone by now, its timer not.
-    if (stepped) {
-        uTimerRefreshSec(id, seconds_left(time(nullptr), timeSec));
-    }
-    return id;
-}
-
-uint32_t uTimerEventAdd(void* cb, void* param, time_t timeSec)
-{
-    thread_record_t* me = op_enter();
-    uint32_t steps = 0;
-    uint32_t id = 0;
-
-    if (event_list_ready(&steps)) {
-        uTimerEventInfo_t* record =
-            static_cast<uTimerEventInfo_t*>(uMalloc(sizeof(uTimerEventInfo_t)));
-        if (record == nullptr) {
-            __halden_log_print(NXA_LOG_WARN, uTimerLogName, "%s: malloc error \n",
-                               "uTimerEventAdd");
-        } else {
-            record->timeSec = timeSec;
-            id = arm_record(record, cb, param, steps);
-        }
-    }
-    op_leave(me);
-    return id;
-}
-
-/** Whether the wall clock went differently from the pump since the previous check. */
-static bool has_deviated(time_t then, time_t now, uint32_t elapses)
-{
-    const uint64_t counted = static_cast<uint64_t>(then) * MS_PER_S + elapses;
-    const uint64_t difference = static_cast<uint64_t>(now) * MS_PER_S - counted;
-    const int32_t signed_ms = static_cast<int32_t>(difference);
-    const uint32_t deviation =
-        signed_ms < 0 ? 0U - static_cast<uint32_t>(signed_ms) : static_cast<uint32_t>(signed_ms);
-    return deviation >= elapses / TOLERANCE_SHARE;
-}
-
-/** Arms the timers of a chain of records anew; frees the records that are done. @return the rest */
-static unode_t* resynchronise(unode_t* chain, time_t now)
-{
-    unode_t** link = &chain;
-
-    while (*link != nullptr) {
-        uTimerEventInfo_t* record = record_of(*link);
-        if (uTimerRemainGet(record->timerId) / static_cast<int32_t>(MS_PER_S) == 0) {
-            *link = record->link.next;
-            uFree(record);
-            continue;
-        }
-        uTimerRefreshSec(record->timerId, seconds_left(now, record->timeSec));
-        link = &record->link.next;
-    }
-    return chain;
-}
-
-void checktimeoutCb(uint32_t elapses)
-{
-    thread_record_t* me = op_enter();
-    const time_t now = time(nullptr);
-    unode_t* chain = nullptr;
-
-    LOCK_SECTION(&event_lock, eventsHeld);
-    if (timerEventList != nullptr && has_deviated(gTime, now, elapses)) {
-        chain = timerEventList->node;
-        timerEventList->node = nullptr;
-        timerEventList->size = 0;
-        timerEventEnd = &timerEventList->node;
-        steps_seen++;
-    }
-    gTime = now;
-    END_SECTION(eventsHeld);
-
-    if (chain != nullptr) {
-        chain = resynchronise(chain, now);
-        LOCK_SECTION(&event_lock, eventsHeld);
-        put_records_locked(chain);
-        END_SECTION(eventsHeld);
-    }
-    op_leave(me);
-}
-
-// ---- The wall clock ----
-
-/** Milliseconds, truncated, from one number of microseconds to one that is not smaller. */
-static uint64_t ms_between_us(suseconds_t from, suseconds_t to)
-{
-    return (static_cast<uint64_t>(to) - static_cast<uint64_t>(from)) / 1000;
-}
-
-uint32_t uTimerAdjust(struct timeval t1, struct timeval t2)
-{
-    const uint64_t span = osaLongTimeSpanCompute(static_cast<unsigned long>(t1.tv_sec),
-                                                 static_cast<unsigned long>(t2.tv_sec));
-    if (span > STEP_S) {
-        osaUpdateSysTimeBase(t1, PUMP_CYCLE_MS);
-        const auto posted = reinterpret_cast<void (*)(void)>(uTimerCheckSysTimeUpdated);
-        uAsyncCall(reinterpret_cast<FUNCPTR>(posted), reinterpret_cast<void*>(PUMP_CYCLE_MS));
-        return PUMP_CYCLE_MS;
-    }
-    if (t2.tv_usec >= t1.tv_usec) {
-        return static_cast<uint32_t>(span * MS_PER_S + ms_between_us(t1.tv_usec, t2.tv_usec));
-    }
-    if (span == 0) {
-        return 0; // a step back by less than a second
-    }
-    return static_cast<uint32_t>(span * MS_PER_S - ms_between_us(t2.tv_usec, t1.tv_usec));
-}
-
-void uTimerCheckSysTimeUpdated([[maybe_unused]] void* param)
-{
-    // The number itself, not its address.
-    uEventRaise(const_cast<char*>("SYSTEM_TIME_UPDATED"), reinterpret_cast<int32_t*>(PUMP_CYCLE_MS),
-                sizeof(int32_t));
 }
