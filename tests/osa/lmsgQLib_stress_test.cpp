@@ -112,7 +112,7 @@ TEST_F(MsgQStress, QueuesDieUnderTheirUsers)
     for (int i = 0; i < 3; i++) {
         deleters.emplace_back([&] {
             while (deletions < 800 / SHARE) {
-                if (msgQDelete(current) == OK) {
+                if (msgQSafeDelete(reinterpret_cast<MSG_Q_ID*>(&current)) == OK) {
                     current = msgQCreate(1, 8, 0);
                     deletions++;
                 }
@@ -173,4 +173,36 @@ TEST_F(MsgQStress, UsersDieAndTheQueueGoesOn)
         EXPECT_EQ(msgQReceive(id, buffer, 8, NO_WAIT), 8);
         EXPECT_EQ(msgQDelete(id), OK);
     }
+}
+
+// A task that was deleted takes nothing of what came later: no message, and no slot.
+TEST_F(MsgQStress, NothingGoesToTheDead)
+{
+    const stdout_capture console;
+    const int threads = threads_at_rest();
+    const MSG_Q_ID id = msgQCreate(1, 8, 0);
+    char buffer[8] = {};
+    for (int round = 0; round < 2000 / SHARE; round++) {
+        const bool sends = round % 2 == 0;
+        const int wait = round % 3 - 1;
+        if (sends) {
+            msgQSend(id, buffer, 8, NO_WAIT, 0);
+        }
+        const taskId_t task = spawn([=] {
+            char own[8] = {};
+            for (;;) {
+                sends ? msgQSend(id, own, 8, wait, 0) : msgQReceive(id, own, 8, wait);
+            }
+        });
+        usleep(static_cast<useconds_t>(round % 10 * 10));
+        EXPECT_EQ(taskDelete(task), OK);
+        if (sends) {
+            EXPECT_EQ(msgQReceive(id, buffer, 8, NO_WAIT), 8);
+        } else {
+            EXPECT_EQ(msgQSend(id, buffer, 8, NO_WAIT, 0), OK);
+        }
+        ASSERT_TRUE(eventually([=] { return thread_count() == threads; }));
+        ASSERT_EQ(msgQReceive(id, buffer, 8, NO_WAIT), sends ? -1 : 8) << round;
+    }
+    EXPECT_EQ(msgQDelete(id), OK);
 }

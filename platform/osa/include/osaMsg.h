@@ -18,7 +18,8 @@
 //
 // Any thread may call any operation, but never one that holds the task lock. A task that is deleted
 // while it waits leaves the queue as if it had never come: it takes no message and puts none, and a
-// deletion of the queue does not wait for it. Inside an operation of the layer that waits on a
+// deletion of the queue does not wait for it. Nor does it take or put anything later: what is sent
+// after taskDelete returned is there for others. Inside an operation of the layer that waits on a
 // queue, being told to end shows as S_objLib_OBJ_UNAVAILABLE.
 #pragma once
 
@@ -95,7 +96,7 @@ int msgQNumMsgs(MSG_Q_ID queuePtr);
  * @return OK, or ERROR with errno S_objLib_OBJ_ID_ERROR for a null or unknown id, and for a queue
  *         that another task is deleting at this moment
  *
- * A task that is deleted inside this call completes the deletion without waiting for anybody.
+ * A task that is deleted inside this call completes the deletion, and waits for the tick alone.
  */
 status_t msgQDelete(MSG_Q_ID queuePtr);
 

@@ -16,6 +16,9 @@
 // without queue_lock; the wake-up takes qfull_lock, so it cannot fall between their look and their
 // sleep. A slot they saw may be gone when they have queue_lock again: then they wait on.
 //
+// A task that was deleted takes and puts nothing: it looks whether it is to end when it has
+// queue_lock, and a message that is sent after the deletion is put with queue_lock held, too.
+//
 // Deletion. The mark in send_type, set under queue_lock, decides who deletes. Waiters leave because
 // of it, and the deleting task waits until waitTasks says that the last has gone. A record with
 // waiters is not used again, so one that leaves late (the deleting task was itself told to end and
@@ -357,7 +360,7 @@ static void join_waiters_locked(const wait_place_t* place) REQUIRES(queueHeld)
     store_relaxed(&queue->waitTasks, queue->waitTasks + 1);
 }
 
-static void leave_waiters_locked(const wait_place_t* place) REQUIRES(queueHeld)
+static void waitTaskStopWait(const wait_place_t* place) REQUIRES(queueHeld)
 {
     v2pt_mqueue_t* queue = place->queue;
 
@@ -366,19 +369,6 @@ static void leave_waiters_locked(const wait_place_t* place) REQUIRES(queueHeld)
     if (is_marked(queue)) {
         notify_if_delete_complete(queue);
     }
-}
-
-// Cleanup handler of a thread that ends inside its wait by its own doing. C libraries differ in
-// whether the lock it waited with is held then; being recursive, it refuses a stranger's release.
-static void waitTaskStopWait(void* arg)
-{
-    ending_enter();
-    const wait_place_t* place = static_cast<const wait_place_t*>(arg);
-
-    pthread_mutex_unlock(place->mutex);
-    LOCK_SECTION(&place->queue->queue_lock, queueHeld);
-    leave_waiters_locked(place);
-    END_SECTION(queueHeld);
 }
 
 // How a wait ended. One that failed for any other reason than its deadline would fail for ever, so
@@ -412,24 +402,20 @@ static bool goes_on(const thread_record_t* me, const wait_place_t* place)
 static void wait_for_space(thread_record_t* me, wait_place_t* place,
                            const struct timespec* deadline)
 {
-    pthread_cleanup_push(waitTaskStopWait, place);
     LOCK_SECTION(place->mutex, queueFullHeld);
     while (waiting_on_q_space(place->queue, &place->retcode) != 0 && goes_on(me, place)) {
         place->retcode = op_wait(me, place->cond, place->mutex, deadline);
     }
     END_SECTION(queueFullHeld);
-    pthread_cleanup_pop(0);
 }
 
 // Likewise until there is a message.
 static void wait_for_msg(thread_record_t* me, wait_place_t* place, const struct timespec* deadline)
     REQUIRES(queueHeld)
 {
-    pthread_cleanup_push(waitTaskStopWait, place);
     while (waiting_on_q_msg(place->queue, &place->retcode) != 0 && goes_on(me, place)) {
         place->retcode = op_wait(me, place->cond, place->mutex, deadline);
     }
-    pthread_cleanup_pop(0);
 }
 
 // Waits for room. OK: there is room, and queue_lock was not let go of since.
@@ -454,7 +440,7 @@ static STATUS waitToSend(thread_record_t* me, v2pt_mqueue_t* queue, int wait, in
         section_open(&queue->queue_lock, queueHeld);
         status = wait_status(me, &place);
     } while (status == OK && !has_room(queue, pri));
-    leave_waiters_locked(&place);
+    waitTaskStopWait(&place);
     return status;
 }
 
@@ -472,7 +458,7 @@ static STATUS wait_to_receive(thread_record_t* me, v2pt_mqueue_t* queue, int max
     const struct timespec* deadline = deadline_for(max_wait, &space);
     join_waiters_locked(&place);
     wait_for_msg(me, &place, deadline);
-    leave_waiters_locked(&place);
+    waitTaskStopWait(&place);
     return wait_status(me, &place);
 }
 
@@ -489,6 +475,8 @@ static STATUS send_to(thread_record_t* me, v2pt_mqueue_t* queue, const char* msg
     }
     if (msglen > static_cast<uint>(queue->msg_len)) {
         status = S_msgQLib_INVALID_MSG_LENGTH;
+    } else if (end_asked(me)) {
+        status = S_objLib_OBJ_UNAVAILABLE;
     } else if (!has_room(queue, pri)) {
         status = waitToSend(me, queue, wait, pri);
     }
@@ -550,6 +538,8 @@ static STATUS receive_from(thread_record_t* me, v2pt_mqueue_t* queue, char* msgb
     }
     if (buflen < static_cast<uint>(queue->msg_len)) {
         status = S_msgQLib_INVALID_MSG_LENGTH;
+    } else if (end_asked(me)) {
+        status = S_objLib_OBJ_UNAVAILABLE;
     } else if (queue->msg_count == 0) {
         status = wait_to_receive(me, queue, max_wait);
     }
@@ -611,49 +601,27 @@ static void wake_all(v2pt_mqueue_t* queue)
     wake_senders(queue);
 }
 
-// Cleanup handlers of a thread that ends inside the deletion by its own doing: nobody else would
-// finish it.
-static void stop_waiting_for_departures(void* mutex)
-{
-    ending_enter();
-    pthread_mutex_unlock(static_cast<pthread_mutex_t*>(mutex));
-}
-
-static void complete_deletion(void* arg)
-{
-    ending_enter();
-    v2pt_mqueue_t* queue = static_cast<v2pt_mqueue_t*>(arg);
-
-    wake_all(queue);
-    delete_mqueue(queue);
-    task_lock_give(); // nothing if it was not taken
-}
-
 // Sleeps until the waiters have left; a caller that is itself told to end waits for nobody.
 static void wait_for_departures(thread_record_t* me, v2pt_mqueue_t* queue)
 {
-    pthread_cleanup_push(stop_waiting_for_departures, &queue->qdlet_lock);
     LOCK_SECTION(&queue->qdlet_lock, queueGoneHeld);
     while (load_acquire(&queue->waitTasks) > 0 && !end_asked(me)) {
         op_wait(me, &queue->qdlet_cmplt, &queue->qdlet_lock, nullptr);
     }
     END_SECTION(queueGoneHeld);
-    pthread_cleanup_pop(0);
 }
 
-// The queue is marked, so only this thread deletes it. One that is told to end waits for nothing
-// any more, but finishes.
+// The queue is marked, so only this thread deletes it. One that is told to end waits for nobody any
+// more, but finishes, and keeps the tick that latecomers are granted.
 static void remove_marked(thread_record_t* me, v2pt_mqueue_t* queue)
 {
-    pthread_cleanup_push(complete_deletion, queue);
     const bool task_locked = task_lock_take(me);
     TEST_POINT();
     wake_all(queue);
     if (task_locked) {
         wait_for_departures(me, queue);
-        op_sleep_ms(me, load_relaxed(&msPerTick));
     }
-    pthread_cleanup_pop(0);
+    sleep_a_tick();
     delete_mqueue(queue);
     task_lock_give(); // nothing if it was not taken
 }
