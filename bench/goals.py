@@ -60,7 +60,14 @@ SECTIONS = {
         Row("async.batch", "sixteen posted at once, each"),
         Row("thrpool.one", "thread pool: post, run, answer, one CPU"),
         Row("thrpool.jobs", "a thousand jobs, 4 workers, all CPUs, each", {"Boost.Asio": 1.0}),
-        Row("task.spawn", "task: from spawn to end, one CPU", {"pthread_create": 1.25}),
+        Row("task.spawn", "task: from spawn to end, one CPU", {"pthread_create": 1.1}),
+    ],
+    "A task among many": [
+        Row("task.lock", "take and give the task lock", {"/1": 1.5}, "tasks alive"),
+        Row("task.verify", "verify the latest task's id", {"/1": 1.5}, "tasks alive"),
+        Row("task.name", "name of the latest task", {"/1": 1.5}, "tasks alive"),
+        Row("task.semdelete", "create a semaphore and delete it", {"/1": 1.5}, "tasks alive"),
+        Row("task.delete", "spawn a task and delete it", {"/1": 1.5}, "tasks alive"),
     ],
     "Addresses": [
         Row("net.checksum", "checksum (floor: reading 64-bit words)", {"floor": 3.5}, "bytes"),

@@ -45,7 +45,7 @@ def add_rows(text, rows, errors):
     for run in json.loads(text)["benchmarks"] if text.strip() else []:
         if run["run_type"] != "iteration":
             continue
-        name = re.sub(r"/(process_time|real_time|manual_time)(?=/|$)", "", run["name"])
+        name = re.sub(r"/(process_time|real_time|manual_time|iterations:\d+)(?=/|$)", "", run["name"])
         if run.get("error_occurred"):
             errors.append(f"{name}: {run['error_message']}")
             continue

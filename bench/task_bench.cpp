@@ -1,6 +1,7 @@
-// Tasks, from spawning one to its end, beside bare threads.
+// Tasks, from spawning one to its end, beside bare threads; and what a task among many costs.
 #include "bench.h"
 
+#include "osaSem.h"
 #include "osaTask.h"
 
 #include <pthread.h>
@@ -61,6 +62,92 @@ void joined_thread(benchmark::State& state)
     }
 }
 
+SEM_ID go_home;
+std::atomic<int> at_home; // tasks of a crowd that have begun and not ended
+
+int wait_to_go_home(int, int, int, int, int, int, int, int, int, int)
+{
+    at_home++;
+    semTake(go_home, WAIT_FOREVER);
+    at_home--;
+    return 0;
+}
+
+/** Tasks that sleep while it lives; the row's own is the latest of them. */
+class crowd {
+  public:
+    explicit crowd(int64_t size) : size(static_cast<int>(size))
+    {
+        go_home = semBCreate(0, SEM_EMPTY);
+        for (int i = 0; i < this->size; i++) {
+            latest = taskSpawn(task_name, 100, 0, 8192, reinterpret_cast<FUNCPTR>(wait_to_go_home),
+                               0, 0, 0, 0, 0, 0, 0, 0, 0, 0);
+        }
+        while (at_home < this->size) {
+            sched_yield();
+        }
+    }
+    ~crowd()
+    {
+        semDelete(go_home); // wakes them all
+        while (at_home > 0 || taskNameToId(task_name) != 0) {
+            sched_yield();
+        }
+    }
+
+    taskId_t latest = 0;
+
+  private:
+    int size;
+};
+
+void lock_among(benchmark::State& state)
+{
+    const crowd others(state.range(0));
+    for (auto _ : state) {
+        taskLock();
+        taskUnlock();
+    }
+}
+
+void verify_among(benchmark::State& state)
+{
+    const crowd others(state.range(0));
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(taskIdVerify(others.latest));
+    }
+}
+
+void name_among(benchmark::State& state)
+{
+    const crowd others(state.range(0));
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(taskName(others.latest));
+    }
+}
+
+void sem_delete_among(benchmark::State& state)
+{
+    const crowd others(state.range(0));
+    for (auto _ : state) {
+        semDelete(semBCreate(0, SEM_FULL));
+    }
+}
+
+int sleep_long(int, int, int, int, int, int, int, int, int, int)
+{
+    return taskDelay(100000);
+}
+
+void delete_among(benchmark::State& state)
+{
+    const crowd others(state.range(0));
+    for (auto _ : state) {
+        taskDelete(taskSpawn(task_name, 100, 0, 8192, reinterpret_cast<FUNCPTR>(sleep_long), 0, 0,
+                             0, 0, 0, 0, 0, 0, 0, 0));
+    }
+}
+
 void standard_thread(benchmark::State& state)
 {
     for (auto _ : state) {
@@ -87,3 +174,13 @@ BENCHMARK(standard_thread)
     ->Name("task.spawn/std::thread, joined")
     ->MeasureProcessCPUTime()
     ->UseRealTime();
+BENCHMARK(lock_among)->Name("task.lock/hnetd")->Arg(1)->Arg(100)->Arg(2000);
+BENCHMARK(verify_among)->Name("task.verify/hnetd")->Arg(1)->Arg(100)->Arg(2000);
+BENCHMARK(name_among)->Name("task.name/hnetd")->Arg(1)->Arg(100)->Arg(2000);
+BENCHMARK(sem_delete_among)
+    ->Name("task.semdelete/hnetd")
+    ->Arg(1)
+    ->Arg(100)
+    ->Arg(2000)
+    ->Iterations(10);
+BENCHMARK(delete_among)->Name("task.delete/hnetd")->Arg(1)->Arg(100)->Arg(2000)->Iterations(500);
