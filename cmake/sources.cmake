@@ -18,6 +18,7 @@ set(HNETD_SOURCES
   platform/osa/linux/src/lmsgQLib.cpp
   platform/osa/linux/src/lsemLib.cpp
   platform/osa/linux/src/lstLib.cpp
+  platform/osa/linux/src/ltaskIndex.cpp
   platform/osa/linux/src/ltaskLib.cpp
   platform/osa/linux/src/ltaskLock.cpp
   platform/osa/linux/src/ltaskShow.cpp

@@ -270,11 +270,14 @@ static void restart(taskId_t id)
 }
 
 static std::atomic<int> runs;
+static std::atomic<bool> no_watchdog;
 
 static int restart_and_exit()
 {
     if (runs++ == 0) {
+        fail_malloc(no_watchdog ? 1 : 0);
         restart(taskIdSelf());
+        fail_nothing();
         pthread_exit(nullptr);
     }
     return stay();
@@ -307,29 +310,36 @@ TEST_F(WatchdogTest, RestartsPendingTogetherEachStartTheirTask)
     restart(anew);
     fail_nothing();
     EXPECT_EQ(taskIdVerify(anew), OK);
-    pthread_mutex_lock(&task_list_lock);
-    EXPECT_EQ(task_for(anew)->restarts, 0); // or the block would outlive the task
-    pthread_mutex_unlock(&task_list_lock);
     leave = true;
     EXPECT_TRUE(eventually([=] { return thread_count() == threads; }));
     EXPECT_EQ(taskNameToId(names[0]), 0U);
 }
 
-// The block stays for the restart, and goes with a deletion or when there is no thread to be had.
+// The block stays for the restart, under an id that no thread gets, and goes with a deletion or
+// when there is no watchdog or no thread to be had.
 TEST_F(WatchdogTest, ARestartOutlivesTheThreadThatAskedForIt)
 {
     char name[] = "tAgain";
     const int threads = threads_at_rest();
-    enum : int { RESTARTED, DELETED, NO_THREAD, OUTCOMES };
+    enum : int { RESTARTED, DELETED, NO_THREAD, NO_WATCHDOG, OUTCOMES };
     for (int outcome = RESTARTED; outcome < OUTCOMES; outcome++) {
         runs = 0;
         leave = false;
+        no_watchdog = outcome == NO_WATCHDOG;
         const taskId_t id = spawn_entry(name, restart_and_exit);
         ASSERT_TRUE(eventually([&] { return runs == 1 && thread_count() == threads; }));
-        EXPECT_EQ(taskNameToId(name), id);
-        EXPECT_EQ(taskIdVerify(id), OK);
+        const taskId_t waiting = taskNameToId(name);
+        EXPECT_EQ(waiting != 0, outcome != NO_WATCHDOG);
+        EXPECT_NE(waiting, id);
+        EXPECT_EQ(taskIdVerify(id), ERROR); // the id may be another thread's by now
         if (outcome == DELETED) {
-            EXPECT_EQ(taskDelete(id), OK);
+            std::atomic<bool> spared{false};
+            const taskId_t stranger = spawn([&] { spared = true, stay(); });
+            begun.acquire();
+            EXPECT_EQ(taskDelete(waiting), OK);
+            EXPECT_EQ(taskIdVerify(stranger), OK);
+            leave = true;
+            EXPECT_TRUE(eventually([&] { return spared && thread_count() == threads; }));
         }
         fail_thread(outcome == NO_THREAD ? 1 : 0);
         process_wdog();
@@ -340,6 +350,7 @@ TEST_F(WatchdogTest, ARestartOutlivesTheThreadThatAskedForIt)
             EXPECT_TRUE(eventually([&] { return thread_count() == threads; }));
         }
         EXPECT_EQ(taskNameToId(name), 0U);
+        EXPECT_EQ(taskDelete(waiting), ERROR);
     }
 }
 

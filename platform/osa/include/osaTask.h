@@ -19,6 +19,9 @@
 //   - Around a lock of its own it blocks SIGUSR1 (pthread_sigmask). Operations that it calls
 //     meanwhile neither end it nor give up; it ends when it lets the signal in again.
 //   - It must not be compiled to throw through or catch around the point where it ends.
+//   - A task that ends itself calls taskDelete(taskIdSelf()), and no deletion by somebody else
+//     touches it from there on. Where its own code calls pthread_exit, a deletion that comes
+//     meanwhile cuts the handlers that are running short, and they may run again.
 // A SIGUSR1 that somebody else sends ends whichever thread receives it, at its next safe point: one
 // that waits inside an operation goes on waiting first.
 // Deleting "tExcTask" stops all watchdogs, deleting "tAsyncCall" all asynchronous calls, for good.
@@ -114,7 +117,8 @@ status_t taskPrioritySet(taskId_t tid, int pri);
  * wait, nothing else does. Recursive. A task that holds it runs at the highest priority of its
  * policy, where the system permits. A thread that ends lets it go.
  *
- * @return OK
+ * @return OK; ERROR, not held, when the caller is no task and the system has no thread-specific key
+ *         or memory left to note that it holds the lock: nobody would let it go if the thread ended
  */
 int taskLock(void);
 
@@ -130,8 +134,8 @@ int taskUnlock(void);
  * @return OK; ERROR for id 0, errno untouched; ERROR with errno S_objLib_OBJ_ID_ERROR for an id
  *         that names no task, in which case nobody is signalled
  *
- * A deleted thread prints "this signal is 10 \n" on standard output; one that deletes itself does
- * not.
+ * A deleted thread prints "this signal is 10 \n" on standard output once it has let everything go,
+ * unless it would have to wait for a reader; one that deletes itself does not.
  */
 status_t taskDelete(taskId_t tid);
 
@@ -161,10 +165,10 @@ task_t* my_task(void);
 task_t* task_for(taskId_t taskid);
 
 /**
- * Start routine of every task thread.
+ * Start routine for whoever starts another thread for a task by himself.
  *
  * @param task  a listed block, whose pthrid the pthread_create that starts the thread fills in with
- *              task_list_lock held
+ *              task_list_lock held. Look-ups know the new id once the thread has begun
  * @return null
  */
 void* task_wrapper(task_t* task);

@@ -91,11 +91,11 @@ unsigned long wdAdjust(struct timeval t1, struct timeval t2);
  * may be pending. Without memory nothing happens.
  *
  * The caller sees to it that the task's thread ends. It may end before the tick, by pthread_exit:
- * the task keeps its block and its id until then. A task that is deleted, or whose entry returns,
- * is gone and not restarted.
+ * the task keeps its block until then, and has an id that is no thread's, under which it can be
+ * found and deleted. A task that is deleted, or whose entry returns, is gone and not restarted.
  *
- * @param restart_task  block of a live task, which exists during the call: it is the caller's own,
- *                      or the caller holds task_list_lock
+ * @param restart_task  the caller's own block; or that of another live task, with task_list_lock
+ *                      held to keep it. Null: nothing happens
  */
 void selfRestart(task_t* restart_task);
 

@@ -96,6 +96,16 @@ template <typename T> static inline void store_release(T* field, T value)
     __atomic_store_n(field, value, __ATOMIC_RELEASE);
 }
 
+/** Whatever this thread stored before is seen by all before what it loads after. */
+static inline void full_fence(void)
+{
+#if defined(__SANITIZE_THREAD__)
+    __atomic_signal_fence(__ATOMIC_SEQ_CST); // the sanitizer does not know fences
+#else
+    __atomic_thread_fence(__ATOMIC_SEQ_CST);
+#endif
+}
+
 // ---- Test points: random pauses, compiled into the stress tests only ----
 
 #ifdef HNETD_TEST_POINTS
@@ -107,16 +117,30 @@ extern "C" void test_point(void);
 
 // ---- The thread's record ----
 
+static constexpr size_t THREAD_NAME_SIZE = 16; // of the system, terminator included
+
+/** What a task's thread needs of its block; a copy, for the block may be gone when it begins. */
+typedef struct {
+    task_entry_t entry;
+    int parms[10];
+    bool named;
+    char name[THREAD_NAME_SIZE];
+} task_start_t;
+
 /**
- * What ends a thread safely. A task's record is allocated with its control block and outlives it;
- * any other thread uses one in thread-local storage, which no other thread ever sees.
+ * What ends a thread safely. A task's record is allocated with its thread and outlives its control
+ * block; any other thread uses one in thread-local storage, which no other thread ever sees.
  */
 typedef struct thread_record {
     int depth;                 // operations entered and not left; own thread and handler only
     int pending;               // 1: end at the next safe point; atomic
     int ending;                // 1: the end has begun, the handler is inert; own thread only
-    int refs;                  // atomic: control block, thread, a deleter at work; 0 frees
-    int adopted;               // 1: its thread has begun; guarded by task_list_lock
+    int signalled;             // 1: ended by SIGUSR1, which is to be told; own thread only
+    int refs;                  // atomic: block, thread, a deleter at work, restarts; 0 frees
+    int restarts;              // pending ones, for which the block outlives its thread; atomic
+    task_t* block;             // listed block of the task; written with task_list_lock, atomic
+    const task_t* own_block;   // the same for good: compared, never followed; own thread only
+    task_start_t start;        // constant once the thread exists
     pthread_mutex_t wait_lock; // guards the two below
     pthread_cond_t* wait_cond; // what the thread waits for; null when it does not wait
     pthread_mutex_t* wait_mutex;
@@ -132,8 +156,20 @@ extern constinit thread_local thread_record_t* self_record;
 /** Gives a thread that is no task the record in its thread-local storage. */
 thread_record_t* own_record(void);
 
-/** Ends the calling thread, which was deleted: message, cleanup handlers, pthread_exit. */
+/**
+ * Ends the calling thread, which was deleted: cleanup handlers, message, pthread_exit. The message
+ * of a task comes when all that it had of ours is given back.
+ */
 [[noreturn]] void thread_end(thread_record_t* me);
+
+/**
+ * The message of a thread that SIGUSR1 ended, if that can be written without waiting: a reader of
+ * standard output that does not read keeps no thread from its end.
+ */
+void tell_signalled(void);
+
+/** Whether the record is a plain thread's, which nobody else ever wakes or ends. */
+bool is_plain(const thread_record_t* me);
 
 /** The calling thread was told to end, and is at a safe point: ends it unless it blocks SIGUSR1. */
 void thread_end_if_let(thread_record_t* me);
@@ -218,7 +254,7 @@ void sleep_a_tick(void);
 /** Marks a thread to end; its waits end from now on. The caller signals and wakes it as well. */
 void record_ask_end(thread_record_t* record);
 
-/** Wakes the thread of a record out of op_wait, if it is in one. Waits for short sections only. */
+/** Wakes the thread of a record out of op_wait, if it is in one. Sleeps for short sections only. */
 void record_wake(thread_record_t* record);
 
 /** A new record with one reference, at depth 1, or null without memory. */
@@ -246,7 +282,8 @@ void recursive_mutex_init(pthread_mutex_t* mutex, pthread_mutexattr_t* attr);
 /**
  * Takes the task lock for an operation of the layer.
  *
- * @return false, not held, when the caller is to end
+ * @return false, not held, when the caller is to end, and for a thread that is no task when the
+ *         system cannot note that it holds the lock
  */
 [[nodiscard]] bool task_lock_take(thread_record_t* me);
 void task_lock_give(void);
@@ -254,9 +291,31 @@ void task_lock_give(void);
 /** Lets the task lock go, however nested, if the calling thread, which ends, has it. */
 void task_lock_leave(void);
 
+/** Wakes one of the tasks that wait for a mutual-exclusion semaphore. */
+void mutex_waiter_wake(v2lsem_t* semaphore);
+
+/**
+ * Lets go of a mutual-exclusion semaphore. A task that waits for it counted itself before it tried
+ * the mutex for the last time, so it either got it or is seen here.
+ */
+static inline void mutex_give(v2lsem_t* semaphore)
+{
+    if (pthread_mutex_unlock(&semaphore->mutex_lock) != 0) {
+        return; // refused: the caller does not hold it
+    }
+#if defined(__x86_64__)
+    __atomic_signal_fence(__ATOMIC_SEQ_CST); // what lets a mutex go is a locked exchange there
+#else
+    full_fence(); // meets the one in wait_for_mutex
+#endif
+    if (__builtin_expect(load_relaxed(&semaphore->mutex_waiters) > 0, 0)) {
+        mutex_waiter_wake(semaphore);
+    }
+}
+
 /**
  * A module takes and gives its own mutual-exclusion semaphore inside an operation: what semTake and
- * semGive come to there, without the calls and without the slices of a task's take.
+ * semGive come to there, without the calls. The wait cannot be cut short.
  */
 static inline void own_sem_take(SEM_ID id)
 {
@@ -265,7 +324,7 @@ static inline void own_sem_take(SEM_ID id)
 
 static inline void own_sem_give(SEM_ID id)
 {
-    pthread_mutex_unlock(&reinterpret_cast<v2lsem_t*>(id)->mutex_lock);
+    mutex_give(reinterpret_cast<v2lsem_t*>(id));
 }
 
 /** Local calendar time, serialised with our own changes of the zone; inside an operation only. */
@@ -281,13 +340,16 @@ int task_thread_start(task_t* task) REQUIRES(taskListHeld);
 
 /**
  * A restart of a task is to come, or is not after all. A block with one to come stays in the list
- * when its thread ends, unless the entry returned. The caller sees to it that the block exists.
+ * when its thread ends, unless the entry returned.
+ *
+ * @param task  the caller's own block, or one that the caller keeps from being deleted
+ * @return the record of the thread to be replaced, with a reference
  */
-void task_restart_expected(task_t* task);
-void task_restart_called_off(task_t* task);
+thread_record_t* task_restart_expected(task_t* task);
+void task_restart_called_off(thread_record_t* restarted);
 
-/** The restart of the task that had this id has come; nothing if the task is gone meanwhile. */
-void task_restart_due(taskId_t id);
+/** The restart has come; nothing happens if the task is gone or has another thread by now. */
+void task_restart_due(thread_record_t* restarted);
 
 // ---- Start-up frame ----
 

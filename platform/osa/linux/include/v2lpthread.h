@@ -21,19 +21,21 @@ typedef int (*task_entry_t)(int, int, int, int, int, int, int, int, int, int);
 
 /** Task control block. The task list owns it; task_list_lock guards all of it. */
 typedef struct task_s {
-    pthread_mutex_t timemutex;       // initialised and destroyed with the block, not used
-    pthread_cond_t timecond;         // likewise
-    char* taskname;                  // own copy; null for a task without a name
-    pthread_t pthrid;                // the task id; 0 until the thread exists
-    pthread_attr_t attr;             // what the thread was created with: all defaults
+    pthread_mutex_t timemutex; // initialised and destroyed with the block, not used
+    pthread_cond_t timecond;   // likewise
+    char* taskname;            // own copy; null for a task without a name
+    pthread_t pthrid;    // the task id; 0 until the thread exists, odd while there is none and a
+                         // restart is to come: no thread has an odd id
+    pthread_attr_t attr; // what the thread was created with: all defaults
     struct sched_param prv_priority; // priority that taskUnlock gives the thread back
     task_entry_t entry_point;
     int parms[10];
     int vxw_priority;             // as passed to taskSpawn
     struct task_s* nxt_task;      // next in spawn order
     struct thread_record* record; // what ends the thread behind the block; with a reference
-    int restarts;                 // pending ones, with which the block outlives its thread; atomic
-    int threadless;               // 1: the thread has ended, and a restart is to come
+    struct task_s** link;         // what points here in the task list; null when not listed
+    struct task_s* same_chain;    // next in the chain of the index
+    pthread_t index_id;           // the id that the block stands under there
 } task_t;
 
 /** Kinds of semaphore, the values of v2lsem_t::flags. */
@@ -59,6 +61,7 @@ typedef struct v2lsem {
     int waiters;                   // tasks asleep on sem_send
     int users;                     // all that keep the record alive: its id, waiters, wakers
     unsigned int flush_generation; // moves with each flush; a waiter sees that it was flushed
+    int mutex_waiters; // tasks asleep on sem_send for mutex_lock; atomic, written with sem_lock
 } v2lsem_t;
 
 /** Header of a slot in a queue's ring. Slots are not aligned: read and written with memcpy. */
@@ -99,9 +102,9 @@ typedef struct v2pt_wdog {
     int ticks_remaining;       // after the predecessor's expiry; 0 when idle
     FUNCPTR timeout_func;
     void* timeout_parm;
-    struct v2pt_wdog* next;  // active list; null when idle
-    taskId_t restart_task;   // the task that a watchdog of selfRestart starts afresh
-    struct v2pt_wdog** link; // what points here in the active list; null when idle
+    struct v2pt_wdog* next;          // active list; null when idle
+    struct thread_record* restarted; // of selfRestart: the thread to be replaced; with a reference
+    struct v2pt_wdog** link;         // what points here in the active list; null when idle
 } v2pt_wdog_t;
 
 struct thrPoolWorker; // lthrPool.cpp: one worker thread

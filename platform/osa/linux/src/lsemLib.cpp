@@ -8,7 +8,8 @@
 // nobody is woken only to wait for it.
 //
 // Locks: sem_lock, innermost. semDelete marks the semaphore, lets go, and only then waits for the
-// task lock, whose holder may well be giving this semaphore. mutex_lock is the users' own.
+// task lock, whose holder may well be giving this semaphore. mutex_lock is the users' own: plain
+// threads, which nobody can delete, wait for it; tasks wait on sem_send, and only try it.
 #include "osaSem.h"
 
 #include "internal.h"
@@ -146,11 +147,65 @@ static status_t wait_for_token(v2lsem_t* semaphore, int max_wait) REQUIRES(semHe
     return retcode == 0 ? OK : S_objLib_OBJ_UNAVAILABLE;
 }
 
+void mutex_waiter_wake(v2lsem_t* semaphore)
+{
+    LOCK_SECTION(&semaphore->sem_lock, semHeld);
+    pthread_cond_signal(&semaphore->sem_send);
+    END_SECTION(semHeld);
+}
+
+static bool try_mutex(v2lsem_t* semaphore)
+{
+    // EAGAIN: the holder has taken it as often as the C library can count.
+    return pthread_mutex_trylock(&semaphore->mutex_lock) != EBUSY;
+}
+
+// A task sleeps where its deleter can wake it. One that leaves passes on the wake-up that may have
+// been its own: the mutex is free, and nobody else was woken.
+static bool wait_for_mutex(thread_record_t* me, v2lsem_t* semaphore)
+{
+    bool taken = false;
+
+    LOCK_SECTION(&semaphore->sem_lock, semHeld);
+    store_relaxed(&semaphore->mutex_waiters, semaphore->mutex_waiters + 1);
+    full_fence(); // counted before the try: see mutex_give
+    taken = try_mutex(semaphore);
+    while (!taken && !end_asked(me)) {
+        op_wait(me, &semaphore->sem_send, &semaphore->sem_lock, nullptr);
+        taken = !end_asked(me) && try_mutex(semaphore);
+    }
+    store_relaxed(&semaphore->mutex_waiters, semaphore->mutex_waiters - 1);
+    if (!taken) {
+        pthread_cond_signal(&semaphore->sem_send);
+    }
+    END_SECTION(semHeld);
+    return taken;
+}
+
+// Inside another operation the caller counts on the lock; it is held for a moment only.
+static bool lock_mutex(thread_record_t* me, v2lsem_t* semaphore)
+{
+    if (is_plain(me) || me->depth > 1) {
+        pthread_mutex_lock(&semaphore->mutex_lock);
+        return true;
+    }
+    if (!try_mutex(semaphore) && !wait_for_mutex(me, semaphore)) {
+        return false;
+    }
+    if (!end_asked(me)) {
+        return true;
+    }
+    mutex_give(semaphore);
+    return false;
+}
+
 static status_t take_mutex(v2lsem_t* semaphore)
 {
     thread_record_t* me = op_enter();
-    const bool taken = op_lock(me, &semaphore->mutex_lock);
-    op_leave(me); // a caller that was to end ends here, without the lock
+    const bool taken = lock_mutex(me, semaphore);
+    // A task told to end in the gap since the last look ends here, and has the mutex: as if it had
+    // been told a moment later.
+    op_leave(me);
     return taken ? OK : fail_with(S_objLib_OBJ_UNAVAILABLE);
 }
 
@@ -199,7 +254,7 @@ status_t semTake(SEM_ID semaphorePtr, int max_wait)
 static void give_mutex(v2lsem_t* semaphore)
 {
     thread_record_t* me = op_enter();
-    pthread_mutex_unlock(&semaphore->mutex_lock); // refused to all but the owner
+    mutex_give(semaphore);
     op_leave(me);
 }
 

@@ -1,18 +1,23 @@
 // Tasks: named threads, the list of their control blocks, and deletion by signal.
 //
-// A block is linked before task_list_lock is let go, and its thread first of all takes that lock:
-// a task always finds itself, unless it was deleted before it began. The list owns the blocks;
-// whoever unlinks one frees it. A thread copies from its block what it needs and never looks at
-// it again, so a deleter need not wait for it. Only a listed block's thread is signalled, under
-// task_list_lock, and a task parts with its block before its thread can end: no signal ever goes
-// to an id that is no longer a thread, or is another one by now.
+// A block is linked before task_list_lock is let go, and whoever looks it up takes that lock: a
+// task always finds itself, unless it was deleted before it began. The list owns the blocks;
+// whoever unlinks one frees it. A thread has in its record what it needs of its block and never
+// looks at the block otherwise, so a deleter need not wait for it. Only a listed block's thread is
+// signalled, under task_list_lock, and a task parts with its block before its thread can end: no
+// signal ever goes to an id that is no longer a thread, or is another one by now.
+//
+// Block and record point to each other while the block is listed and its thread is the one that
+// was started last. Restarts are pending with the record of the thread that they replace: that
+// thread cannot lose it, while the block may be freed by a deleter at any moment.
 //
 // Locks, outermost first:
-//   task_list_lock            task_list and every block in it
+//   task_list_lock            task_list, its index, and every block in it
 //   malloc_lock, free_lock    one allocation each, never held together
 #include "osaTask.h"
 
 #include "internal.h"
+#include "taskIndex.h"
 
 #include <errno.h>
 #include <signal.h>
@@ -25,18 +30,9 @@
 #include <execinfo.h>
 #endif
 
-static constexpr size_t THREAD_NAME_SIZE = 16; // of the system, terminator included
-
 task_t* task_list GUARDED_BY(taskListHeld) = nullptr; // in spawn order
+static task_t** task_list_end GUARDED_BY(taskListHeld) = &task_list;
 pthread_mutex_t task_list_lock = PTHREAD_MUTEX_INITIALIZER;
-
-/** What a new thread takes from its block. */
-typedef struct {
-    task_entry_t entry;
-    int parms[10];
-    bool named;
-    char name[THREAD_NAME_SIZE];
-} task_start_t;
 
 // ---- Allocation ----
 
@@ -70,56 +66,66 @@ void ts_free(void* blkaddr)
 
 task_t* my_task(void) REQUIRES(taskListHeld)
 {
-    const pthread_t self = pthread_self();
+    task_t* task = self_record != nullptr ? load_relaxed(&self_record->block) : nullptr;
 
-    task_t* task = task_list;
-    while (task != nullptr && (task->pthrid != self || task->threadless != 0)) {
-        task = task->nxt_task;
-    }
-    return task;
+    // Another thread may be in its place by now, or be about to.
+    return task != nullptr && task->pthrid == pthread_self() ? task : nullptr;
 }
 
-// A block that waits for its restart may share its id with a later thread, which comes first.
 task_t* task_for(taskId_t taskid) REQUIRES(taskListHeld)
 {
-    task_t* waiting = nullptr;
-
-    if (taskid == 0) {
-        return my_task();
-    }
-    for (task_t* task = task_list; task != nullptr; task = task->nxt_task) {
-        if (task->pthrid == taskid && task->threadless == 0) {
-            return task;
-        }
-        if (task->pthrid == taskid) {
-            waiting = task;
-        }
-    }
-    return waiting;
+    return taskid == 0 ? my_task() : task_index_find(taskid);
 }
 
 static void append_block_locked(task_t* task) REQUIRES(taskListHeld)
 {
-    task_t** link = &task_list;
-    while (*link != nullptr) {
-        link = &(*link)->nxt_task;
-    }
-    *link = task;
+    task->link = task_list_end;
+    *task_list_end = task;
+    task_list_end = &task->nxt_task;
+    task_index_add(task);
+}
+
+static void part_with_record_locked(const task_t* task) REQUIRES(taskListHeld)
+{
+    task_t* const none = nullptr;
+
+    store_relaxed(&task->record->block, none);
 }
 
 static void unlink_block_locked(task_t* task) REQUIRES(taskListHeld)
 {
-    task_t** link = &task_list;
-    while (*link != task) {
-        link = &(*link)->nxt_task;
+    *task->link = task->nxt_task;
+    if (task->nxt_task != nullptr) {
+        task->nxt_task->link = task->link;
+    } else {
+        task_list_end = task->link;
     }
-    *link = task->nxt_task;
+    task_index_remove(task);
+    part_with_record_locked(task);
+}
+
+static void change_id_locked(task_t* task, pthread_t id) REQUIRES(taskListHeld)
+{
+    task_index_remove(task);
+    task->pthrid = id;
+    task_index_add(task);
+}
+
+// Threads are objects of several bytes, so none has an odd address for its id.
+static taskId_t id_without_thread(const task_t* task)
+{
+    return reinterpret_cast<uintptr_t>(task) | 1;
+}
+
+static bool has_thread(const task_t* task)
+{
+    return task->pthrid != id_without_thread(task);
 }
 
 // A block that is in no list, with its reference to the record.
 static void free_block(task_t* task)
 {
-    if (task->record != nullptr) {
+    if (task->record != nullptr) { // null when there never was a thread
         record_drop(task->record);
     }
     if (task->taskname != nullptr) {
@@ -139,8 +145,8 @@ static void task_delete(bool for_good)
 
     LOCK_SECTION(&task_list_lock, taskListHeld);
     task_t* task = my_task();
-    if (task != nullptr && !for_good && load_relaxed(&task->restarts) > 0) {
-        task->threadless = 1;
+    if (task != nullptr && !for_good && load_relaxed(&task->record->restarts) > 0) {
+        change_id_locked(task, id_without_thread(task));
     } else if (task != nullptr) {
         unlink_block_locked(task);
         gone = task;
@@ -210,49 +216,13 @@ static void task_wrapper_cleanup(void*)
     TEST_POINT();
     task_delete(false);
     task_lock_leave();
+    if (me->signalled != 0) {
+        tell_signalled();
+    }
     record_retire(me);
 }
 
 // ---- A task's thread ----
-
-// A thread that the layer started finds a record of its own in the block. Whoever calls
-// pthread_create instead leaves the record of the block's earlier thread there, or none.
-static thread_record_t* adopt_record_locked(task_t* task) REQUIRES(taskListHeld)
-{
-    if (task->record == nullptr || task->record->adopted != 0) {
-        thread_record_t* record = record_new();
-        if (record == nullptr) {
-            return nullptr;
-        }
-        if (task->record != nullptr) {
-            record_drop(task->record);
-        }
-        task->record = record;
-    }
-    task->record->adopted = 1;
-    record_hold(task->record);
-    return task->record;
-}
-
-// A reference to the record of the caller's block, or null if the block was deleted already.
-static thread_record_t* adopt_block(task_start_t* start)
-{
-    thread_record_t* record = nullptr;
-
-    LOCK_SECTION(&task_list_lock, taskListHeld);
-    task_t* task = my_task();
-    if (task != nullptr) {
-        start->entry = task->entry_point;
-        memcpy(start->parms, task->parms, sizeof start->parms);
-        start->named = task->taskname != nullptr;
-        if (start->named) {
-            strncpy(start->name, task->taskname, THREAD_NAME_SIZE - 1);
-        }
-        record = adopt_record_locked(task);
-    }
-    END_SECTION(taskListHeld);
-    return record;
-}
 
 static void let_exit_signal_in(void)
 {
@@ -263,11 +233,22 @@ static void let_exit_signal_in(void)
     pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
 }
 
-static void run_entry(thread_record_t* me, const task_start_t* start)
+// The thread's life, at depth 1 and with SIGUSR1 held off until it can be ended like any other. A
+// task that was deleted before it began ends when it is about to call its entry.
+static void run_task(thread_record_t* me)
 {
+    const task_start_t* start = &me->start;
     const int* p = start->parms;
 
+    self_record = me;
     pthread_cleanup_push(task_wrapper_cleanup, nullptr);
+    pthread_detach(pthread_self());
+    TEST_POINT();
+    install_exit_handler();
+    let_exit_signal_in();
+    if (start->named) {
+        prctl(PR_SET_NAME, start->name, 0, 0, 0);
+    }
     callout_begin(me);
     start->entry(p[0], p[1], p[2], p[3], p[4], p[5], p[6], p[7], p[8], p[9]);
     callout_end(me);
@@ -275,109 +256,156 @@ static void run_entry(thread_record_t* me, const task_start_t* start)
     pthread_cleanup_pop(1);
 }
 
-void* task_wrapper(task_t*)
+static void* thread_start(void* record)
 {
-    task_start_t start = {};
-
-    // SIGUSR1 is still blocked, as the spawner had it. Until the task's own record is adopted the
-    // thread is inside an operation on the record of plain threads.
-    thread_record_t* starter = op_enter();
-    pthread_detach(pthread_self());
-    TEST_POINT();
-    thread_record_t* me = adopt_block(&start);
-    if (me == nullptr) {
-        thread_end(starter); // deleted before it began
-    }
-    self_record = me; // new records are at depth 1
-    install_exit_handler();
-    let_exit_signal_in();
-    TEST_POINT();
-    if (start.named) {
-        prctl(PR_SET_NAME, start.name, 0, 0, 0);
-    }
-    run_entry(me, &start);
+    run_task(static_cast<thread_record_t*>(record));
     return nullptr;
 }
 
-static void* thread_start(void* task)
+// A record for a block's next thread, with references for both; not the block's yet.
+static thread_record_t* record_for(task_t* task)
 {
-    return task_wrapper(static_cast<task_t*>(task));
+    thread_record_t* record = record_new();
+    if (record == nullptr) {
+        return nullptr;
+    }
+    record_hold(record);
+    record->block = task;
+    record->own_block = task;
+    record->start.entry = task->entry_point;
+    memcpy(record->start.parms, task->parms, sizeof task->parms);
+    record->start.named = task->taskname != nullptr;
+    if (record->start.named) {
+        strncpy(record->start.name, task->taskname, THREAD_NAME_SIZE - 1);
+    }
+    return record;
 }
 
-int task_thread_start(task_t* task)
+// What restarts are pending with the record that goes find no block any more.
+static void change_record_locked(task_t* task, thread_record_t* record) REQUIRES(taskListHeld)
 {
-    thread_record_t* const old_record = task->record;
-    const pthread_t old_id = task->pthrid;
+    if (task->record != nullptr) { // null for a new block
+        part_with_record_locked(task);
+        record_drop(task->record);
+    }
+    task->record = record;
+}
+
+// The thread inherits the mask and opens it once it can be ended safely.
+static int create_thread(pthread_t* id, const pthread_attr_t* attr, thread_record_t* record)
+{
     sigset_t exit_signal;
     sigset_t mask;
 
-    thread_record_t* record = record_new();
+    sigemptyset(&exit_signal);
+    sigaddset(&exit_signal, SIGUSR1);
+    pthread_sigmask(SIG_BLOCK, &exit_signal, &mask);
+    const int error = pthread_create(id, attr, thread_start, record);
+    pthread_sigmask(SIG_SETMASK, &mask, nullptr);
+    return error;
+}
+
+// The caller enters the block in the index under its new id.
+static int new_thread_locked(task_t* task) REQUIRES(taskListHeld)
+{
+    pthread_t id = 0;
+
+    thread_record_t* record = record_for(task);
     if (record == nullptr) {
         return ENOMEM;
     }
     prepare_deletion_locked();
-    task->record = record;
-    task->pthrid = 0;
-    // The thread inherits the mask and opens it once it can be ended safely.
-    sigemptyset(&exit_signal);
-    sigaddset(&exit_signal, SIGUSR1);
-    pthread_sigmask(SIG_BLOCK, &exit_signal, &mask);
-    const int error = pthread_create(&task->pthrid, &task->attr, thread_start, task);
-    pthread_sigmask(SIG_SETMASK, &mask, nullptr);
+    const int error = create_thread(&id, &task->attr, record);
     if (error != 0) {
-        task->pthrid = old_id;
-        task->record = old_record;
+        record_drop(record);
         record_drop(record);
         return error;
     }
-    task->threadless = 0;
-    store_relaxed(&task->restarts, 0); // others still pending name the task by its old id
-    if (old_record != nullptr) {
-        record_drop(old_record);
-    }
+    task->pthrid = id;
+    change_record_locked(task, record);
     return 0;
+}
+
+int task_thread_start(task_t* task)
+{
+    const int error = new_thread_locked(task);
+
+    if (error == 0) {
+        change_id_locked(task, task->pthrid);
+    }
+    return error;
+}
+
+// The block of a thread that was not started here. Its id is not in the index, and the argument may
+// be stale.
+static thread_record_t* adopt_block(const task_t* block)
+{
+    thread_record_t* record = nullptr;
+
+    LOCK_SECTION(&task_list_lock, taskListHeld);
+    task_t* task = task_list;
+    while (task != nullptr && task != block) {
+        task = task->nxt_task;
+    }
+    if (task != nullptr && task->pthrid == pthread_self()) {
+        record = record_for(task);
+    }
+    if (record != nullptr) {
+        change_record_locked(task, record);
+        change_id_locked(task, task->pthrid);
+    }
+    END_SECTION(taskListHeld);
+    return record;
+}
+
+void* task_wrapper(task_t* task)
+{
+    // Until it has a record of its own the thread is inside an operation on that of plain threads.
+    thread_record_t* starter = op_enter();
+    thread_record_t* me = adopt_block(task);
+    if (me == nullptr) {
+        pthread_detach(pthread_self());
+        thread_end(starter); // deleted before it began
+    }
+    run_task(me);
+    return nullptr;
 }
 
 // ---- Restarts ----
 
-void task_restart_expected(task_t* task)
+thread_record_t* task_restart_expected(task_t* task)
 {
-    __atomic_add_fetch(&task->restarts, 1, __ATOMIC_RELAXED);
+    thread_record_t* me = self_record;
+    thread_record_t* restarted = me->own_block == task ? me : task->record;
+
+    record_hold(restarted);
+    __atomic_add_fetch(&restarted->restarts, 1, __ATOMIC_RELAXED);
+    return restarted;
 }
 
-void task_restart_called_off(task_t* task)
+void task_restart_called_off(thread_record_t* restarted)
 {
-    __atomic_sub_fetch(&task->restarts, 1, __ATOMIC_RELAXED);
+    __atomic_sub_fetch(&restarted->restarts, 1, __ATOMIC_RELAXED);
+    record_drop(restarted);
 }
 
-static task_t* expecting_restart_locked(taskId_t id) REQUIRES(taskListHeld)
-{
-    task_t* task = task_list;
-    while (task != nullptr && (task->pthrid != id || load_relaxed(&task->restarts) == 0)) {
-        task = task->nxt_task;
-    }
-    return task;
-}
-
-void task_restart_due(taskId_t id)
+void task_restart_due(thread_record_t* restarted)
 {
     task_t* given_up = nullptr;
 
     LOCK_SECTION(&task_list_lock, taskListHeld);
-    task_t* task = expecting_restart_locked(id);
-    if (task != nullptr) {
-        task_restart_called_off(task);
-        const bool started = task_thread_start(task) == 0;
-        if (!started && task->threadless != 0 && load_relaxed(&task->restarts) == 0) {
-            unlink_block_locked(task); // no thread would ever take it out
-            given_up = task;
-        }
+    task_t* task = load_relaxed(&restarted->block);
+    if (task != nullptr && task_thread_start(task) != 0 && !has_thread(task) &&
+        load_relaxed(&restarted->restarts) == 1) {
+        unlink_block_locked(task); // no thread would ever take it out
+        given_up = task;
     }
     END_SECTION(taskListHeld);
 
     if (given_up != nullptr) {
         free_block(given_up);
     }
+    task_restart_called_off(restarted);
 }
 
 // ---- Spawn, delay, look-ups ----
@@ -428,7 +456,7 @@ taskId_t taskSpawn(char* name, int pri, int, int, FUNCPTR entry, int arg1, int a
     memcpy(task->parms, parms, sizeof parms);
 
     LOCK_SECTION(&task_list_lock, taskListHeld);
-    error = task_thread_start(task);
+    error = new_thread_locked(task);
     if (error == 0) {
         append_block_locked(task);
         id = task->pthrid;
@@ -553,19 +581,19 @@ status_t taskPrioritySet(taskId_t, int)
 {
     ending_enter();
     task_delete(true);
+    // Another deleter may have come first, and none can any more. Handlers may wait.
+    store_relaxed(&self_record->pending, 0);
     pthread_exit(nullptr);
 }
 
 // Returns a reference to the thread's record, or null if there is none to be woken.
 static thread_record_t* end_thread_of_locked(const task_t* task) REQUIRES(taskListHeld)
 {
-    if (task->threadless != 0) {
+    if (!has_thread(task)) {
         return nullptr;
     }
-    if (task->record != nullptr) {
-        record_hold(task->record);
-        record_ask_end(task->record);
-    }
+    record_hold(task->record);
+    record_ask_end(task->record);
     pthread_kill(task->pthrid, SIGUSR1);
     return task->record;
 }

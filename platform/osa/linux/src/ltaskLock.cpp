@@ -19,8 +19,8 @@ static unsigned long taskLock_level GUARDED_BY(taskLockHeld) = 0;
 static pthread_cond_t taskLock_change = PTHREAD_COND_INITIALIZER;
 
 // Set for a thread that is no task while it may hold the task lock; its destructor lets go.
-static pthread_key_t plain_locker_key;
-static pthread_once_t plain_locker_once = PTHREAD_ONCE_INIT;
+static pthread_key_t plain_locker_key GUARDED_BY(taskLockHeld);
+static bool plain_locker_key_made GUARDED_BY(taskLockHeld) = false;
 
 void task_lock_leave(void)
 {
@@ -39,19 +39,14 @@ static void plain_locker_gone(void*)
     task_lock_leave();
 }
 
-static void create_plain_locker_key(void)
+// Sees to it that the lock goes when the calling thread ends. False when the system has no key or
+// no memory left: the thread must not have the lock then, for nobody would take it from the dead.
+static bool note_plain_locker_locked(void) REQUIRES(taskLockHeld)
 {
-    pthread_key_create(&plain_locker_key, plain_locker_gone);
-}
-
-static bool is_task(void)
-{
-    bool listed = false;
-
-    LOCK_SECTION(&task_list_lock, taskListHeld);
-    listed = my_task() != nullptr;
-    END_SECTION(taskListHeld);
-    return listed;
+    plain_locker_key_made =
+        plain_locker_key_made || pthread_key_create(&plain_locker_key, plain_locker_gone) == 0;
+    return plain_locker_key_made &&
+           pthread_setspecific(plain_locker_key, &plain_locker_key_made) == 0;
 }
 
 // Scheduling results are ignored: without the right to raise priorities the lock works as well.
@@ -80,41 +75,25 @@ static void restore_priority(void)
     int policy = 0;
 
     LOCK_SECTION(&task_list_lock, taskListHeld);
-    const task_t* task = task_for(pthread_self());
+    const task_t* task = my_task();
     if (task != nullptr && pthread_getschedparam(pthread_self(), &policy, &param) == 0) {
         set_own_priority(policy, task->prv_priority.sched_priority);
     }
     END_SECTION(taskListHeld);
 }
 
-static void unlock_mutex(void* mutex)
-{
-    pthread_mutex_unlock(static_cast<pthread_mutex_t*>(mutex));
-}
-
-static void wait_for_task_lock(thread_record_t* me, pthread_t self) REQUIRES(taskLockHeld)
-{
-    pthread_cleanup_push(unlock_mutex, &v2pthread_task_lock);
-    while (locker != 0 && locker != self && !end_asked(me)) {
-        op_wait(me, &taskLock_change, &v2pthread_task_lock, nullptr);
-    }
-    pthread_cleanup_pop(0);
-}
-
 bool task_lock_take(thread_record_t* me)
 {
     const pthread_t self = pthread_self();
+    const bool task = load_relaxed(&me->block) != nullptr;
     bool taken = false;
 
-    const bool task = is_task();
-    if (!task) {
-        pthread_once(&plain_locker_once, create_plain_locker_key);
-        pthread_setspecific(plain_locker_key, &plain_locker_key);
-    }
-
     LOCK_SECTION(&v2pthread_task_lock, taskLockHeld);
-    wait_for_task_lock(me, self);
-    taken = locker == 0 || locker == self;
+    const bool may_have_it = task || note_plain_locker_locked();
+    while (may_have_it && locker != 0 && locker != self && !end_asked(me)) {
+        op_wait(me, &taskLock_change, &v2pthread_task_lock, nullptr);
+    }
+    taken = may_have_it && (locker == 0 || locker == self);
     if (taken) {
         locker = self;
         taskLock_level += taskLock_level + 1 != 0 ? 1 : 0; // saturates
@@ -144,8 +123,8 @@ void task_lock_give(void)
 int taskLock(void)
 {
     thread_record_t* me = op_enter();
-    // Not taken only when the caller is to end: it does in op_leave, unless an operation that
-    // called out with a lock held is around this one.
+    // Not taken when the caller is to end: it does in op_leave, unless an operation that called out
+    // with a lock held is around this one.
     const bool taken = task_lock_take(me);
     op_leave(me);
     return taken ? OK : ERROR;

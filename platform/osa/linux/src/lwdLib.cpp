@@ -397,9 +397,9 @@ static int restart_due(void* parm)
     v2pt_wdog_t* wdog = static_cast<v2pt_wdog_t*>(parm);
 
     thread_record_t* me = op_enter();
-    const taskId_t taskid = wdog->restart_task;
+    thread_record_t* restarted = wdog->restarted;
     wdDelete(id_of(wdog));
-    task_restart_due(taskid);
+    task_restart_due(restarted);
     op_leave(me);
     return 0;
 }
@@ -407,14 +407,17 @@ static int restart_due(void* parm)
 // Takes no task_list_lock: the caller may hold it, to keep the block.
 void selfRestart(task_t* restart_task)
 {
+    if (restart_task == nullptr) {
+        return;
+    }
     thread_record_t* me = op_enter();
-    task_restart_expected(restart_task);
+    thread_record_t* restarted = task_restart_expected(restart_task);
     WDOG_ID wdog = wdCreate();
     if (wdog != nullptr) {
-        record_of(wdog)->restart_task = load_relaxed(&restart_task->pthrid);
+        record_of(wdog)->restarted = restarted;
         wdStart(wdog, 1, reinterpret_cast<FUNCPTR>(restart_due), wdog);
     } else {
-        task_restart_called_off(restart_task);
+        task_restart_called_off(restarted);
     }
     op_leave(me);
 }
