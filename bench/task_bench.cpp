@@ -76,14 +76,14 @@ int wait_to_go_home(int, int, int, int, int, int, int, int, int, int)
 /** Tasks that sleep while it lives; the row's own is the latest of them. */
 class crowd {
   public:
-    explicit crowd(int64_t size) : size(static_cast<int>(size))
+    explicit crowd(int64_t tasks) : size(static_cast<int>(tasks))
     {
         go_home = semBCreate(0, SEM_EMPTY);
-        for (int i = 0; i < this->size; i++) {
+        for (int i = 0; i < size; i++) {
             latest = taskSpawn(task_name, 100, 0, 8192, reinterpret_cast<FUNCPTR>(wait_to_go_home),
                                0, 0, 0, 0, 0, 0, 0, 0, 0, 0);
         }
-        while (at_home < this->size) {
+        while (at_home < size) {
             sched_yield();
         }
     }
