@@ -392,8 +392,8 @@ void initCheckPriority(void);
 /**
  * Creates the pool.
  *
- * @param thrPoolSize  worker threads, at least 1
- * @return OK, also when only some of the threads could be created; ERROR for a smaller size, when
+ * @param thrPoolSize  worker threads, 1 to 4194304, which is as many as Linux has thread ids
+ * @return OK, also when only some of the threads could be created; ERROR for any other size, when
  *         there is a pool already, without memory (the message "malloc ... error" goes to standard
  *         error) and when no thread could be created, all with nothing left behind
  *

@@ -26,6 +26,7 @@
 
 static constexpr lock_role_t poolHeld; // thrPoolMutex
 static constexpr int32_t ANY_WORKER = -1;
+static constexpr int32_t WORKERS_MAX = 1 << 22; // Linux has no more thread ids
 
 /** One worker. Guarded by thrPoolMutex unless said otherwise. */
 typedef struct thrPoolWorker {
@@ -34,7 +35,6 @@ typedef struct thrPoolWorker {
     struct thrPoolWorker* nextIdle; // meaningful in the idle list
     bool idle;                      // in the idle list
     bool running;                   // its thread exists and has not begun to end
-    bool waiting;                   // it waits on wake; own thread only
     thrPoolJobQueue_t* job;         // in its hands; own thread only
 } thrPoolWorker_t;
 
@@ -135,9 +135,7 @@ static void sleep_locked(thread_record_t* me, thrPool_t* pool, thrPoolWorker_t* 
     worker->nextIdle = pool->idle;
     pool->idle = worker;
     worker->idle = true;
-    worker->waiting = true;
     op_wait(me, &worker->wake, &pool->thrPoolMutex, nullptr);
-    worker->waiting = false;
     if (worker->idle) {
         unlink_idle_locked(pool, worker); // nobody's doing: the wait returned for no reason
     }
@@ -187,31 +185,20 @@ static void run_job(thread_record_t* me, thrPoolWorker_t* worker, thrPoolJobQueu
     ts_free(job);
 }
 
-// Whatever way a worker's thread ends. The mutex is held if the thread was cancelled in its sleep.
-static void leave_pool(void* arg) UNCHECKED
+// A cleanup handler, for a job may end its thread. The worker is awake then: neither idle nor the
+// scout, and whatever it left behind in the queue it sent a scout for when it took its job.
+static void leave_pool(void* arg)
 {
     ending_enter();
     thrPoolWorker_t* worker = static_cast<thrPoolWorker_t*>(arg);
     thrPool_t* pool = load_acquire(&thrPool);
-    thrPoolWorker_t* other = nullptr;
 
-    if (!worker->waiting) {
-        pthread_mutex_lock(&pool->thrPoolMutex);
-    }
+    LOCK_SECTION(&pool->thrPoolMutex, poolHeld);
     worker->running = false;
-    if (worker->idle) {
-        unlink_idle_locked(pool, worker);
-    }
-    if (pool->scout == worker) {
-        pool->scout = nullptr;
-    }
-    other = send_scout_locked(pool);
     if (--pool->workersLeft == 0) {
         pthread_cond_broadcast(&pool->thrPoolCond);
     }
-    pthread_mutex_unlock(&pool->thrPoolMutex);
-
-    wake(other);
+    END_SECTION(poolHeld);
     ts_free(worker->job);
 }
 
@@ -338,20 +325,6 @@ static int32_t start_workers(thrPool_t* pool)
     return started;
 }
 
-static void unlock_mutex(void* mutex)
-{
-    pthread_mutex_unlock(static_cast<pthread_mutex_t*>(mutex));
-}
-
-static void wait_for_workers_locked(thread_record_t* me, thrPool_t* pool) REQUIRES(poolHeld)
-{
-    pthread_cleanup_push(unlock_mutex, &pool->thrPoolMutex);
-    while (pool->workersLeft > 0 && !end_asked(me)) {
-        op_wait(me, &pool->thrPoolCond, &pool->thrPoolMutex, nullptr);
-    }
-    pthread_cleanup_pop(0);
-}
-
 // False when the caller is to end before the last worker has.
 static bool stop_workers(thread_record_t* me, thrPool_t* pool)
 {
@@ -362,7 +335,9 @@ static bool stop_workers(thread_record_t* me, thrPool_t* pool)
     while (pool->idle != nullptr) {
         pthread_cond_signal(&rouse_locked(pool, ANY_WORKER)->wake);
     }
-    wait_for_workers_locked(me, pool);
+    while (pool->workersLeft > 0 && !end_asked(me)) {
+        op_wait(me, &pool->thrPoolCond, &pool->thrPoolMutex, nullptr);
+    }
     stopped = pool->workersLeft == 0;
     END_SECTION(poolHeld);
     return stopped;
@@ -415,7 +390,7 @@ status_t taskThrPoolCreate(int32_t thrPoolSize)
 {
     status_t status = ERROR;
 
-    if (thrPoolSize < 1 || load_acquire(&thrPool) != nullptr) {
+    if (thrPoolSize < 1 || thrPoolSize > WORKERS_MAX || load_acquire(&thrPool) != nullptr) {
         return ERROR;
     }
     thread_record_t* me = op_enter();
