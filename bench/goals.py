@@ -85,7 +85,6 @@ SECTIONS = {
 
 RSS_KIB = 3 * 1024
 CPU_RATIO = 1.2
-WAITING_RATIO = 1.1  # a hundred tasks that wait, over none
 START_MS = 5.0
 LATE_MS = 25.0 + 2.0  # half a pump cycle and 2 ms
 LEFT_KIB = 100  # after 10,000 deletions: 10 bytes each, or what the C library keeps of 20 threads

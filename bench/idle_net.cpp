@@ -1,10 +1,8 @@
 // A net library that asks nothing of the daemon, so that it stands idle; it takes the stand-in's
 // place by LD_LIBRARY_PATH. Reports through the descriptor in HNETD_BENCH_FD when it was called, in
 // nanoseconds of the monotonic clock. With HNETD_BENCH_TIMERS it arms that many software timers at
-// moments spread over the pump's cycle and reports how late they fire, in microseconds. With
-// HNETD_BENCH_WAITERS that many tasks wait for a mutual-exclusion semaphore that nobody gives.
+// moments spread over the pump's cycle and reports how late they fire, in microseconds.
 #include "nxaLog.h"
-#include "osaSem.h"
 #include "osaTask.h"
 #include "uTimer.h"
 
@@ -69,28 +67,6 @@ int arm_timers(int, int, int, int, int, int, int, int, int, int)
     return 0;
 }
 
-// Kept by the first task that takes it.
-int wait_for_mutex(int low, int high, int, int, int, int, int, int, int, int)
-{
-    const uint64_t address = static_cast<uint32_t>(low) | uint64_t{static_cast<uint32_t>(high)}
-                                                              << 32;
-    semTake(reinterpret_cast<SEM_ID>(address), WAIT_FOREVER);
-    for (;;) {
-        pause();
-    }
-}
-
-void spawn_waiters(int count)
-{
-    const uint64_t mutex = reinterpret_cast<uint64_t>(semMCreate(0));
-    char name[] = "tWait";
-
-    for (int i = 0; i < count; i++) {
-        taskSpawn(name, 100, 0, 8192, reinterpret_cast<FUNCPTR>(wait_for_mutex),
-                  static_cast<int>(mutex), static_cast<int>(mutex >> 32), 0, 0, 0, 0, 0, 0, 0, 0);
-    }
-}
-
 } // namespace
 
 extern "C" int __halden_log_print(int, const char*, const char*, ...)
@@ -111,7 +87,6 @@ extern "C" int hnetInit(void)
     report_fd = number_of("HNETD_BENCH_FD");
     wanted = number_of("HNETD_BENCH_TIMERS");
     dprintf(report_fd, "start %lld\n", called);
-    spawn_waiters(number_of("HNETD_BENCH_WAITERS"));
     if (wanted > 0 && wanted <= static_cast<int>(sizeof lateness / sizeof lateness[0])) {
         taskSpawn(name, 100, 0, 8192, reinterpret_cast<FUNCPTR>(arm_timers), 0, 0, 0, 0, 0, 0, 0, 0,
                   0, 0);

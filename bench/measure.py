@@ -26,7 +26,6 @@ IDLE_SETTLE = 0.7  # seconds after the start that are not looked at
 IDLE_WINDOW = 4.0
 START_ROUNDS = 15
 TIMERS = 400
-WAITERS = 100
 
 # The rows of a process whose timer pool is made for many.
 MANY = "^(timer|watchdog)[.]"
@@ -146,17 +145,13 @@ def run_idle(build):
         for who, program in programs.items():
             with Started(build, program) as process:
                 idle[f"start.{who}"].append(process.start_ms())
-    waiting = {"HNETD_BENCH_WAITERS": str(WAITERS)}
-    idle["cpu.waiting"], idle["rss.waiting"] = [], []
-    for _ in range(IDLE_ROUNDS):  # all at the same time: what disturbs one disturbs the others
-        with (Started(build, "hnetd") as ours, Started(build, "hnetd", **waiting) as many,
-              Started(build, programs["floor"]) as floor):
+    for _ in range(IDLE_ROUNDS):  # both at the same time: what disturbs one disturbs the other
+        with Started(build, programs["hnetd"]) as ours, Started(build, programs["floor"]) as floor:
             time.sleep(IDLE_SETTLE)
-            all_of_them = [(process, who, process.cpu_ns()) for process, who in
-                           ((ours, "hnetd"), (many, "waiting"), (floor, "floor"))]
+            before = ours.cpu_ns(), floor.cpu_ns()
             time.sleep(IDLE_WINDOW)
-            for process, who, before in all_of_them:
-                idle[f"cpu.{who}"].append((process.cpu_ns() - before) / IDLE_WINDOW / 1e9)
+            for process, who, was in (ours, "hnetd", before[0]), (floor, "floor", before[1]):
+                idle[f"cpu.{who}"].append((process.cpu_ns() - was) / IDLE_WINDOW / 1e9)
                 idle[f"rss.{who}"].append(process.resident_kib())
     with Started(build, "hnetd", HNETD_BENCH_TIMERS=str(TIMERS)) as process:
         process.start_ms()

@@ -202,11 +202,6 @@ class Table:
         line("share of a CPU", f"{100 * mid('cpu.hnetd'):.3f} %",
              f"{100 * mid('cpu.floor'):.3f} %",
              f"{share:.2f}, at most {goals.CPU_RATIO}", share, goals.CPU_RATIO)
-        share = mid("cpu.waiting") / mid("cpu.hnetd")
-        title = "with 100 tasks waiting for a mutex"
-        self.lines.append(f"    {title:<40}{100 * mid('cpu.waiting'):.3f} %   {share:.2f} times, "
-                          f"at most {goals.WAITING_RATIO}: "
-                          f"{self.judge(title, share, goals.WAITING_RATIO)}")
         line("from start to hnetInit", f"{mid('start.hnetd'):.2f} ms",
              f"{mid('start.floor'):.2f} ms", f"at most {goals.START_MS:g} ms",
              mid("start.hnetd"), goals.START_MS)

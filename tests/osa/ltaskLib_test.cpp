@@ -13,21 +13,28 @@
 #include <unistd.h>
 #include <vector>
 
+// A thread's next sleep does not happen: signals interrupt it so often, then it is over.
+static constinit thread_local int interruptions = -1;
 static timespec slept_until;
-static bool capture_sleep = false;
 
 extern "C" int __real_clock_nanosleep(clockid_t, int, const timespec*, timespec*);
 extern "C" int __wrap_clock_nanosleep(clockid_t clock, int flags, const timespec* t, timespec* rest)
 {
-    if (!capture_sleep) {
+    if (interruptions < 0) {
         return __real_clock_nanosleep(clock, flags, t, rest);
     }
     slept_until = *t;
-    return 0;
+    return interruptions-- > 0 ? EINTR : 0;
 }
 
 static constexpr taskId_t NO_TASK = static_cast<taskId_t>(ERROR);
 static const char DELETED[] = "this signal is 10 \n";
+static const sigset_t EXIT_SIGNAL = [] {
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGUSR1);
+    return signals;
+}();
 
 static int wait_forever()
 {
@@ -94,7 +101,15 @@ TEST_F(TaskTest, SpawnedTaskIsNamedListedAndGivenItsArguments)
     char part[] = "tLowPriWithALongNam";
     char empty[] = "";
     int priority = 0;
-    const taskId_t unnamed = spawn(wait_forever, nullptr);
+    char spawners[16];
+    prctl(PR_GET_NAME, spawners);
+    const auto look = [&] {
+        char own[16];
+        prctl(PR_GET_NAME, own);
+        EXPECT_STREQ(own, spawners);
+        wait_forever();
+    };
+    const taskId_t unnamed = spawn(look, nullptr);
     const taskId_t id = spawn_entry(name, TEN_INTS);
     const taskId_t twin = spawn(wait_forever, full);
     memset(name, 'x', 4); // the task has a copy
@@ -156,53 +171,135 @@ TEST_F(TaskTest, FailedSpawnsLeaveNothing)
     EXPECT_EQ(taskDelete(id), OK);
 }
 
-TEST_F(TaskTest, DelaySleepsItsWholeLengthHoweverLong)
+TEST_F(TaskTest, DelaySleepsItsWholeLengthHoweverLongAndOftenInterrupted)
 {
     errno = 77;
     EXPECT_EQ(taskDelay(-1), ERROR);
     EXPECT_EQ(errno, 77);
+    EXPECT_EQ(taskDelay(0), OK);
     const int64_t before = now_ns();
     EXPECT_EQ(taskDelay(3), OK);
     EXPECT_GE(now_ns() - before, 30 * 1000000LL);
 
-    for (const int ticks : {214749, 300000, INT32_MAX}) {
-        const int64_t start = now_ns();
-        capture_sleep = true;
-        EXPECT_EQ(taskDelay(ticks), OK);
-        capture_sleep = false;
-        const int64_t end = slept_until.tv_sec * 1000000000LL + slept_until.tv_nsec;
-        EXPECT_GE(end - start, ticks * 10000000LL);
-        EXPECT_LE(end - start, ticks * 10000000LL + 5000000000LL);
-        EXPECT_LT(slept_until.tv_nsec, 1000000000L);
+    for (const int ms : {1, 10}) { // per tick
+        sysClkRateSet(1000 / ms);
+        for (const int ticks : {99, 999, 214749, INT32_MAX}) {
+            const int64_t start = now_ns();
+            interruptions = 2;
+            EXPECT_EQ(taskDelay(ticks), OK);
+            EXPECT_EQ(interruptions, -1); // as long as it takes
+            const int64_t end = slept_until.tv_sec * 1000000000LL + slept_until.tv_nsec;
+            EXPECT_GE(end - start, 1000000LL * ms * ticks);
+            EXPECT_LE(end - start, 1000000LL * ms * ticks + 5000000000LL);
+            EXPECT_LT(slept_until.tv_nsec, 1000000000L);
+        }
     }
 }
 
-TEST_F(TaskTest, TaskLockNestsAndOutlivesNobody)
+// Of three waiters the first is deleted, which leaves the lock its holder's. The second is told to
+// end without being woken: if it is the one that hears of the release, it does not take the lock.
+TEST_F(TaskTest, TheTaskLockNestsAndGoesToAWaiterThatLives)
 {
-    std::atomic<bool> taken{false};
     EXPECT_EQ(taskUnlock(), OK); // not held: nothing
-    for (int i = 0; i < 3; i++) {
-        EXPECT_EQ(taskLock(), OK);
+    stdout_capture quiet;
+    for (const bool holder_ends : {false, true}) {
+        std::atomic<bool> held = false, leave = false, taken = false;
+        spawn([&] {
+            taskLock();
+            taskLock();
+            for (held = true; !leave;) {
+                taskDelay(1);
+            }
+            taskUnlock();
+            taskDelay(1);
+            EXPECT_FALSE(taken);
+            holder_ends ? OK : taskUnlock();
+        });
+        ASSERT_TRUE(eventually([&] { return held.load(); }));
+        const int threads = thread_count();
+        const taskId_t deleted = spawn([] { taskLock(); });
+        usleep(2000);
+        EXPECT_EQ(taskDelete(deleted), OK);
+        EXPECT_TRUE(eventually([=] { return thread_count() == threads; }));
+        const taskId_t told = spawn([] { taskLock(); });
+        usleep(5000); // so that it waits before the next one
+        spawn([&] {
+            taskUnlock(); // not its own
+            taken = taskPriorityGet(0, nullptr) == OK;
+        });
+        usleep(5000);
+        pthread_kill(told, SIGUSR1);
+        leave = true;
+        EXPECT_TRUE(eventually([&] { return taken.load(); }));
+        EXPECT_TRUE(eventually([this] { return thread_count() == threads_before; }));
     }
-    spawn([&] { // unlocks nothing, then waits, and ends with the lock in its hands
-        taskUnlock();
-        taskLock();
-        taken = true;
-    });
-    taskUnlock();
-    taskUnlock();
-    taskDelay(3);
-    EXPECT_FALSE(taken);
-    taskUnlock();
-    ASSERT_TRUE(eventually([&] { return taken.load(); }));
     std::thread([] { taskLock(); }).join(); // a plain thread that ends with it
+}
+
+// The priorities of a thread that locks, lowers its own, locks, unlocks and unlocks.
+static std::string priorities_under_lock()
+{
+    std::string seen;
+    const sched_param low = {.sched_priority = 2};
+    const auto look = [&](int (*operation)()) {
+        sched_param param;
+        int policy = 0;
+        operation();
+        pthread_getschedparam(pthread_self(), &policy, &param);
+        seen += policy == SCHED_RR ? std::to_string(param.sched_priority) + " " : "other ";
+    };
+    if (pthread_setschedparam(pthread_self(), SCHED_RR, &low) != 0) {
+        return "";
+    }
+    look(taskLock);
+    pthread_setschedparam(pthread_self(), SCHED_RR, &low);
+    look(taskLock);
+    look(taskUnlock);
+    look(taskUnlock);
+    return seen;
+}
+
+TEST_F(TaskTest, ATaskThatHoldsTheTaskLockHasTheHighestPriorityOfItsPolicy)
+{
+    std::string task, thread;
+    spawn([&] {
+        pthread_mutex_lock(&task_list_lock);
+        task_for(0)->prv_priority.sched_priority = 3; // a real-time task's own
+        pthread_mutex_unlock(&task_list_lock);
+        task = priorities_under_lock();
+    });
+    std::thread([&] { thread = priorities_under_lock(); }).join();
+    EXPECT_TRUE(eventually([this] { return thread_count() == threads_before; }));
+    if (thread.empty()) {
+        GTEST_SKIP() << "no right to a real-time policy";
+    }
+    EXPECT_EQ(task, "99 99 99 3 ");
+    EXPECT_EQ(thread, "2 2 2 2 ");
+}
+
+TEST_F(TaskTest, AMutexThatADeletedTaskGetsInItsLastMomentIsGivenBack)
+{
+    stdout_capture quiet;
+    SEM_ID mutex = semMCreate(0);
+    for (int round = 0; round < 10; round++) {
+        EXPECT_EQ(semTake(mutex, WAIT_FOREVER), OK);
+        const taskId_t id = spawn([=] { semTake(mutex, WAIT_FOREVER); });
+        usleep(1000);
+        EXPECT_EQ(taskDelete(id), OK);
+        semGive(mutex);
+    }
+    EXPECT_TRUE(eventually([this] { return thread_count() == threads_before; }));
+    semDelete(mutex);
 }
 
 TEST_F(TaskTest, DeletedTaskSaysSoOnceAndLetsTheTaskLockGo)
 {
-    EXPECT_EQ(taskDelete(0), ERROR);
     stdout_capture out;
     probe p;
+    sigset_t mask;
+    EXPECT_EQ(code_of([] { return taskDelete(0); }), 0);
+    signal(SIGUSR1, SIG_IGN); // every task brings the handler again, and lets the signal in,
+    pthread_sigmask(SIG_BLOCK, &EXIT_SIGNAL, nullptr); // which changes nothing for its spawner
     const taskId_t id = spawn([&] {
         taskLock();
         taskLock();
@@ -210,6 +307,8 @@ TEST_F(TaskTest, DeletedTaskSaysSoOnceAndLetsTheTaskLockGo)
             taskIdVerify(0);
         }
     });
+    pthread_sigmask(SIG_UNBLOCK, &EXIT_SIGNAL, &mask);
+    EXPECT_EQ(sigismember(&mask, SIGUSR1), 1);
     ASSERT_TRUE(eventually([&] { return p.running.load(); }));
     EXPECT_EQ(taskDelete(id), OK);
     EXPECT_EQ(code_of([=] { return taskDelete(id); }), S_objLib_OBJ_ID_ERROR); // nobody by now
@@ -235,7 +334,7 @@ TEST_F(TaskTest, OneEndsSilentlyByItsOwnHandAndNotByASignalFromOutsideTaskOrNot)
     probe p;
     std::thread thread([&] {
         for (probe_attach(&p);;) {
-            pause();
+            usleep(1000); // a sanitizer may hold the signal back until the next call
         }
     });
     ASSERT_TRUE(eventually([&] { return p.running.load(); }));
@@ -253,45 +352,46 @@ static void lock_tasks(void*)
 }
 
 // While a task blocks the signal, operations it calls neither end it nor give up. Handlers that it
-// pushed may wait, too.
+// pushed may wait, too, and are not cut short by another signal.
 TEST_F(TaskTest, ABlockedSignalHoldsTheEndOffAndHandlersMayWait)
 {
-    SEM_ID token = semBCreate(0, SEM_EMPTY);
-    std::atomic<bool> deleted{false};
-    std::atomic<int> taken{77};
-    probe p;
-    locked_in_handler = 77;
-    const taskId_t id = spawn([&] {
-        sigset_t signals;
-        sigemptyset(&signals);
-        sigaddset(&signals, SIGUSR1);
-        pthread_cleanup_push(lock_tasks, nullptr);
-        pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-        probe_attach(&p);
-        while (!deleted) {
-            taskIdVerify(0);
-        }
-        taken = semTake(token, WAIT_FOREVER);
-        pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
-        taken = 78;
-        pthread_cleanup_pop(0);
-    });
-    ASSERT_TRUE(eventually([&] { return p.running.load(); }));
     stdout_capture quiet;
-    taskLock();
-    EXPECT_EQ(taskDelete(id), OK);
-    deleted = true;
-    usleep(5000);
-    EXPECT_EQ(taken, 77);
-    semGive(token);
-    EXPECT_TRUE(eventually([&] { return taken == OK; }));
-    usleep(5000);
-    EXPECT_EQ(locked_in_handler, 77);
-    taskUnlock();
-    EXPECT_TRUE(eventually([&] { return p.ended.load(); }));
-    EXPECT_EQ(locked_in_handler, OK);
-    EXPECT_EQ(taken, OK);
-    semDelete(token);
+    for (const bool blocks : {true, false}) {
+        SEM_ID token = semBCreate(0, SEM_EMPTY);
+        std::atomic<bool> deleted{false};
+        std::atomic<int> taken{77};
+        probe p;
+        locked_in_handler = 77;
+        const taskId_t id = spawn([&] {
+            pthread_cleanup_push(lock_tasks, nullptr);
+            pthread_sigmask(blocks ? SIG_BLOCK : SIG_UNBLOCK, &EXIT_SIGNAL, nullptr);
+            probe_attach(&p);
+            while (blocks && !deleted) {
+                taskIdVerify(0);
+            }
+            taken = semTake(token, WAIT_FOREVER);
+            pthread_sigmask(SIG_UNBLOCK, &EXIT_SIGNAL, nullptr);
+            taken = 78;
+            pthread_cleanup_pop(0);
+        });
+        ASSERT_TRUE(eventually([&] { return p.running.load(); }));
+        taskLock();
+        usleep(2000); // it waits for the token
+        EXPECT_EQ(taskDelete(id), OK);
+        deleted = true;
+        usleep(5000);
+        EXPECT_EQ(taken, 77);
+        semGive(token);
+        EXPECT_TRUE(eventually([&] { return taken == OK || !blocks; }));
+        usleep(5000);
+        pthread_kill(id, SIGUSR1); // it waits for the task lock
+        EXPECT_EQ(locked_in_handler, 77);
+        taskUnlock();
+        EXPECT_TRUE(eventually([&] { return p.ended.load(); }));
+        EXPECT_EQ(locked_in_handler, OK);
+        EXPECT_EQ(taken, blocks ? OK : 77);
+        semDelete(token);
+    }
 }
 
 TEST_F(TaskTest, SeveralDeletersOfOneTaskAndTasksDeletedBeforeTheyBegin)

@@ -205,6 +205,10 @@ TEST_F(WatchdogTest, ShowCopiesBeforeItWritesAndNeedsNoMemory)
     fail_nothing();
     EXPECT_EQ("1000" + after.substr(3), before);
     EXPECT_EQ(counts(), "8" + after.substr(1));
+    errno = 77;
+    EXPECT_EQ(wdStart(nullptr, 1, nullptr, nullptr), ERROR);
+    selfRestart(nullptr);
+    EXPECT_EQ(errno, 77);
     for (status_t (*operation)(WDOG_ID) : {wdCancel, wdDelete}) {
         errno = 0;
         EXPECT_EQ(operation(nullptr), ERROR);
@@ -246,111 +250,132 @@ TEST_F(WatchdogTest, PassesArePacedByTheMeasuredTime)
 
 // ---- Restarts ----
 
-static std::counting_semaphore<> begun(0);
-static std::atomic<bool> leave = false;
-
-static int stay()
-{
-    for (begun.release(); !leave;) {
-        taskDelay(1);
-    }
-    return 0;
-}
-
-static taskId_t spawn_entry(char* name, int (*entry)())
-{
-    return taskSpawn(name, 1, 0, 0, reinterpret_cast<FUNCPTR>(entry), 0, 0, 0, 0, 0, 0, 0, 0, 0, 0);
-}
-
-static void restart(taskId_t id)
+static void restart()
 {
     pthread_mutex_lock(&task_list_lock);
-    selfRestart(task_for(id)); // the lock keeps the block
+    selfRestart(task_for(0)); // the lock keeps the block
     pthread_mutex_unlock(&task_list_lock);
 }
 
-static std::atomic<int> runs;
-static std::atomic<bool> no_watchdog;
-
-static int restart_and_exit()
+static void exit_thread()
 {
-    if (runs++ == 0) {
-        fail_malloc(no_watchdog ? 1 : 0);
-        restart(taskIdSelf());
-        fail_nothing();
-        pthread_exit(nullptr);
-    }
-    return stay();
+    pthread_exit(nullptr);
 }
 
-TEST_F(WatchdogTest, RestartsPendingTogetherEachStartTheirTask)
-{
-    const int threads = threads_at_rest();
-    char names[][8] = {"tFirst", "tSecond"};
-    std::vector<taskId_t> ids;
-    for (char* name : names) {
-        ids.push_back(spawn_entry(name, stay));
-        begun.acquire();
-        restart(ids.back());
-    }
-    EXPECT_EQ(counts(), "1 0 ");
-    process_wdog();
-    for (const taskId_t id : ids) {
-        begun.acquire();
-        EXPECT_EQ(taskIdVerify(id), ERROR);
-    }
-    EXPECT_FALSE(begun.try_acquire());
+static std::atomic<bool> leave;
 
-    const taskId_t anew = taskNameToId(names[0]);
-    fail_thread(1); // what cannot be had leaves the task as it is
-    self_starter(anew);
-    EXPECT_TRUE(failed());
+static void stay()
+{
+    while (!leave) {
+        usleep(100);
+    }
+    pthread_exit(nullptr); // a restart still to come would keep the block
+}
+
+static void find_no_memory()
+{
     fail_malloc(1, true);
-    self_starter(anew);
-    restart(anew);
+    restart();
+    self_starter(0);
     fail_nothing();
-    EXPECT_EQ(taskIdVerify(anew), OK);
-    leave = true;
-    EXPECT_TRUE(eventually([=] { return thread_count() == threads; }));
-    EXPECT_EQ(taskNameToId(names[0]), 0U);
+    pthread_exit(nullptr);
 }
 
-// The block stays for the restart, under an id that no thread gets, and goes with a deletion or
-// when there is no watchdog or no thread to be had.
-TEST_F(WatchdogTest, ARestartOutlivesTheThreadThatAskedForIt)
+// As somebody else may start a thread for a block.
+static void start_by_hand()
 {
-    char name[] = "tAgain";
+    pthread_mutex_lock(&task_list_lock);
+    task_t* task = my_task();
+    const auto entry = reinterpret_cast<void* (*)(void*)>(task_wrapper);
+    EXPECT_EQ(pthread_create(&task->pthrid, &task->attr, entry, task), 0);
+    pthread_mutex_unlock(&task_list_lock);
+    pthread_exit(nullptr);
+}
+
+struct restart_case {
+    const char* what;
+    int asked;      // restarts, by the first run of each of two tasks
+    void (*rest)(); // of that run
+    bool deleted;   // before the tick
+    int no_thread;  // the nth restart gets none
+    int total;      // runs of both
+};
+static const restart_case* tried;
+static std::atomic<int> runs[2];
+
+static int ask_and_end(int which, int, int, int, int, int, int, int, int, int)
+{
+    const bool first = runs[which] == 0;
+    for (int i = 0; first && i < tried->asked; i++) {
+        restart();
+    }
+    runs[which]++;
+    first ? tried->rest() : exit_thread();
+    return 0;
+}
+
+// A block stays for a restart that its thread does not live to see, and goes with a deletion or
+// when no thread is to be had. Meanwhile others may have the thread's id.
+TEST_F(WatchdogTest, ARestartRunsItsTaskOnceMoreAndOutlivesItsThread)
+{
+    static const restart_case cases[] = {
+        {"runs on", 1, stay, false, 0, 4},
+        {"runs on, no thread for one", 1, stay, false, 1, 3},
+        {"ended", 1, exit_thread, false, 0, 4},
+        {"ended, no thread for one", 1, exit_thread, false, 1, 3},
+        {"asked twice", 2, exit_thread, false, 0, 4},
+        {"asked twice, no thread for one time", 2, exit_thread, false, 1, 4},
+        {"deleted", 1, exit_thread, true, 0, 2},
+        {"deleted itself", 1, [] { taskDelete(taskIdSelf()); }, false, 0, 2},
+        {"returned", 1, [] {}, false, 0, 2},
+        {"no memory", 0, find_no_memory, false, 0, 2},
+        {"at once", 0, [] { self_starter(0), exit_thread(); }, false, 0, 4},
+        {"by hand", 0, start_by_hand, false, 0, 4},
+    };
+    static char name[] = "tAgain";
     const int threads = threads_at_rest();
-    enum : int { RESTARTED, DELETED, NO_THREAD, NO_WATCHDOG, OUTCOMES };
-    for (int outcome = RESTARTED; outcome < OUTCOMES; outcome++) {
-        runs = 0;
+    for (const restart_case& c : cases) {
+        const int staying = c.rest == stay ? 2 : 0;
+        const auto at_rest = [=] { return thread_count() == threads + staying; };
+        const bool kept = c.rest == stay || c.rest == exit_thread;
+        SCOPED_TRACE(c.what);
+        tried = &c;
         leave = false;
-        no_watchdog = outcome == NO_WATCHDOG;
-        const taskId_t id = spawn_entry(name, restart_and_exit);
-        ASSERT_TRUE(eventually([&] { return runs == 1 && thread_count() == threads; }));
-        const taskId_t waiting = taskNameToId(name);
-        EXPECT_EQ(waiting != 0, outcome != NO_WATCHDOG);
-        EXPECT_NE(waiting, id);
-        EXPECT_EQ(taskIdVerify(id), ERROR); // the id may be another thread's by now
-        if (outcome == DELETED) {
-            std::atomic<bool> spared{false};
-            const taskId_t stranger = spawn([&] { spared = true, stay(); });
-            begun.acquire();
-            EXPECT_EQ(taskDelete(waiting), OK);
-            EXPECT_EQ(taskIdVerify(stranger), OK);
-            leave = true;
-            EXPECT_TRUE(eventually([&] { return spared && thread_count() == threads; }));
+        taskId_t id = 0;
+        for (int which : {0, 1}) {
+            runs[which] = 0;
+            id = taskSpawn(name, 1, 0, 0, reinterpret_cast<FUNCPTR>(ask_and_end), which, 0, 0, 0, 0,
+                           0, 0, 0, 0, 0);
         }
-        fail_thread(outcome == NO_THREAD ? 1 : 0);
+        ASSERT_TRUE(eventually([&] { return runs[0] > 0 && runs[1] > 0 && at_rest(); }));
+        spawn([] {
+            EXPECT_STREQ(taskName(0), "tTest");
+            EXPECT_STREQ(taskName(taskIdSelf()), "tTest");
+        });
+        ASSERT_TRUE(eventually(at_rest));
+        std::binary_semaphore done(0);
+        bool unharmed = false;
+        std::thread stranger([&] {
+            EXPECT_STREQ(taskName(0), "NULLTASK");
+            done.acquire();
+            unharmed = true;
+        });
+        EXPECT_EQ(taskIdVerify(taskNameToId(name)), kept ? OK : ERROR);
+        EXPECT_EQ(taskIdVerify(id), staying != 0 ? OK : ERROR); // the thread's, not the block's
+        for (int i = 0; c.deleted && i < 2; i++) {
+            EXPECT_EQ(taskDelete(taskNameToId(name)), OK);
+        }
+        done.release();
+        stranger.join();
+        EXPECT_TRUE(unharmed);
+        fail_thread(c.no_thread);
         process_wdog();
         fail_nothing();
-        if (outcome == RESTARTED) {
-            begun.acquire();
-            leave = true;
-            EXPECT_TRUE(eventually([&] { return thread_count() == threads; }));
-        }
+        leave = true;
+        EXPECT_TRUE(eventually([=] { return thread_count() == threads; }));
+        EXPECT_EQ(runs[0] + runs[1], c.total);
+        EXPECT_LT(abs(runs[0] - runs[1]), 2);
         EXPECT_EQ(taskNameToId(name), 0U);
-        EXPECT_EQ(taskDelete(waiting), ERROR);
     }
 }
 
