@@ -7,7 +7,8 @@
 // meets something it cannot step over, or cannot take, stops there and keeps what it has. Memory
 // grows with the bytes that came, never with a length that the answer merely claims.
 //
-// No locks, and no state between calls. A deletion of the calling task takes effect between two
+// No state between calls, and no locks but environ_lock, while the C library reads its
+// configuration and the environment. A deletion of the calling task takes effect between two
 // queries: resolvSearch then answers none any more, and everything unwinds as if nothing had been
 // found.
 #include "arpa_nameser.h"
@@ -81,15 +82,32 @@ typedef bool (*record_taker_t)(const walk_t* walk, const record_t* record, void*
 
 // ---- Queries and the walk over an answer ----
 
+// Reads the resolver's configuration afresh. Where that fails, for want of a descriptor or of
+// memory, the C library leaves its state marked as initialised, without the addresses: the next
+// search, ours or gethostbyname's, would read through null. Unmarked, it starts anew.
+static bool read_configuration(void)
+{
+    bool done = false;
+
+    LOCK_SECTION(&environ_lock, environHeld);
+    done = res_init() == 0;
+    END_SECTION(environHeld);
+#if !defined(__BIONIC__) // which shows no state
+    if (!done) {
+        _res.options &= ~static_cast<decltype(_res.options)>(RES_INIT);
+    }
+#endif
+    return done;
+}
+
 static int resolvSearch(const char* domainName, int queryType, querybuf* resp)
 {
     if (domainName == nullptr || domainName[0] == '\0' || resp == nullptr) {
         return -1;
     }
-    if (end_asked(self_record)) {
+    if (end_asked(self_record) || !read_configuration()) {
         return -1;
     }
-    (void)res_init(); // a failure shows in the search
     return res_search(domainName, ns_c_in, queryType, resp->buf, NS_PACKETSZ);
 }
 
@@ -590,6 +608,9 @@ static void resolvNaptrQuery(const char* domainName, serviceName_e serviceName,
 // The C library holds a lock of its own over the look-up, so the caller must not end inside.
 struct hostent* resolv(char* name, unsigned short*, int)
 {
+    if (name == nullptr) {
+        return nullptr;
+    }
     thread_record_t* me = op_enter();
     hostent* host = gethostbyname(name);
     op_leave(me);
@@ -608,7 +629,7 @@ uint32_t osaGetIpFromName(char* name)
         return literal;
     }
     const hostent* host = resolv(name, nullptr, 0);
-    if (host != nullptr) {
+    if (host != nullptr && host->h_addr_list[0] != nullptr) {
         memcpy(&addr, host->h_addr_list[0], sizeof addr);
     }
     return addr;

@@ -49,10 +49,12 @@ static inline void dns_answer(const std::string& name, int type, const std::stri
                                         length < 0 ? static_cast<int>(bytes.size()) : length};
 }
 
+static std::atomic<int> dns_inits;
 static thread_local bool dns_initialised;
 
 extern "C" int __wrap___res_init(void)
 {
+    dns_inits++;
     dns_initialised = true;
     return 0;
 }

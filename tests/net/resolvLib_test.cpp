@@ -29,6 +29,23 @@ extern "C" hostent* __wrap_gethostbyname(const char* name)
     return named.s_addr != 0 ? &found : nullptr;
 }
 
+static std::atomic<int> zone_changes;
+
+// The resolver reads the environment, and not while we change it.
+extern "C" int __wrap_setenv(const char*, const char*, int)
+{
+    const int inits = dns_inits;
+    usleep(2000);
+    EXPECT_EQ(dns_inits, inits);
+    zone_changes++;
+    return 0;
+}
+
+extern "C" int __wrap_system(const char*)
+{
+    return 0;
+}
+
 // What an A query with this answer gives.
 static string parsed(const dns_packet& packet, int length = -1)
 {
@@ -379,11 +396,15 @@ TEST_F(ResolverTest, ThreadsDoNotMeet)
     }
     for (const int n : {1, 2, 3, 4}) {
         threads.emplace_back([number = std::to_string(n)] {
-            for (int i = 0; i < 200; i++) {
+            for (int i = 0; i < 200 || zone_changes < 5; i++) {
                 ASSERT_EQ(addresses("host" + number),
                           "10.0.0." + number + " 60|fd00::" + number + " 60|");
             }
         });
+    }
+    for (int i = 0; i < 5; i++) {
+        char zone[] = "UTC0";
+        EXPECT_EQ(osaUpdateTimeZone(zone), OK);
     }
 }
 
@@ -396,6 +417,7 @@ TEST_F(ResolverTest, GetHostByNameBehindTheLiterals)
     looked_up.clear();
     named.s_addr = 0;
     EXPECT_EQ(osaGetIpFromName(nullptr), 0xffffffffU);
+    EXPECT_EQ(resolv(nullptr, nullptr, 0), nullptr);
     EXPECT_EQ(osaGetIpFromName(literal), inet_addr("10.1.2.3"));
     EXPECT_EQ(looked_up, "");
     EXPECT_EQ(osaGetIpFromName(host), 0xffffffffU);

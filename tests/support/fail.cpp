@@ -54,15 +54,49 @@ int malloc_calls()
     return calls;
 }
 
-extern "C" void* __wrap_malloc(size_t size)
+static bool malloc_fails()
 {
     calls++;
-    if (fails(&mallocs)) {
-        errno = ENOMEM;
-        return nullptr;
+    if (!fails(&mallocs)) {
+        return false;
     }
-    return __real_malloc(size);
+    errno = ENOMEM;
+    return true;
 }
+
+#ifdef FAIL_ALL
+// Defined in the program, these are the whole process's. A sanitizer has its own behind them.
+#define SANITIZER(name) __interceptor_##name
+#define REAL(name)      (SANITIZER(name) != nullptr ? SANITIZER(name) : __libc_##name)
+extern "C" {
+void* __libc_malloc(size_t size);
+void* __libc_calloc(size_t count, size_t size);
+void* __libc_realloc(void* block, size_t size);
+[[gnu::weak]] void* SANITIZER(malloc)(size_t size);
+[[gnu::weak]] void* SANITIZER(calloc)(size_t count, size_t size);
+[[gnu::weak]] void* SANITIZER(realloc)(void* block, size_t size);
+
+void* malloc(size_t size)
+{
+    return malloc_fails() ? nullptr : REAL(malloc)(size);
+}
+
+void* calloc(size_t count, size_t size)
+{
+    return malloc_fails() ? nullptr : REAL(calloc)(count, size);
+}
+
+void* realloc(void* block, size_t size)
+{
+    return malloc_fails() ? nullptr : REAL(realloc)(block, size);
+}
+}
+#else
+extern "C" void* __wrap_malloc(size_t size)
+{
+    return malloc_fails() ? nullptr : __real_malloc(size);
+}
+#endif
 
 extern "C" int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attr,
                                      void* (*entry)(void*), void* arg)

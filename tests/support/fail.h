@@ -1,4 +1,5 @@
-// Makes calls of the calling thread fail: malloc and pthread_create, wrapped at link time.
+// Makes calls of the calling thread fail: malloc and pthread_create, wrapped at link time; or, for
+// a program with FAIL_ALL, every allocation in the process, those inside the C library included.
 #pragma once
 
 /** The nth malloc of this thread from now fails (1: the next one), and those after it if asked. */

@@ -61,7 +61,7 @@ static_assert(sizeof(hostInfo_t) == 32);
  * @param port        ignored
  * @param portNumber  ignored
  * @return the platform's record, which the next call overwrites, of any thread where the C library
- *         keeps one for the process; null when there is none
+ *         keeps one for the process; null when there is none, and for a null name
  *
  * On such a C library only one thread of the process may use this, osaGetIpFromName and
  * gethostbyname at a time.

@@ -44,6 +44,7 @@ struct LOCK_ATTRIBUTE(capability("lock")) lock_role_t {};
 
 inline constexpr lock_role_t taskListHeld; // task_list_lock
 inline constexpr lock_role_t taskLockHeld; // v2pthread_task_lock
+inline constexpr lock_role_t environHeld;  // environ_lock
 
 /** Tell the analysis that a role's lock was taken or let go by other means than a section. */
 static inline void role_taken([[maybe_unused]] const lock_role_t& role) ACQUIRES(role) UNCHECKED {}
@@ -326,6 +327,12 @@ static inline void own_sem_give(SEM_ID id)
 {
     mutex_give(reinterpret_cast<v2lsem_t*>(id));
 }
+
+/**
+ * Held where we change the environment, and over those short calls of ours in which the C library
+ * reads it. Innermost; inside an operation only.
+ */
+extern pthread_mutex_t environ_lock;
 
 /** Local calendar time, serialised with our own changes of the zone; inside an operation only. */
 void zone_local_time(time_t when, struct tm* local);

@@ -8,7 +8,7 @@
 //
 // Locks, outermost first:
 //   zone_change_lock   one osaUpdateTimeZone at a time, its shell command included
-//   zone_lock          TZ in the environment, against our own use of local time
+//   environ_lock       TZ in the environment, against our own use of local time and look-ups
 //   time_lock          sysInitTime, offset and changes of the rate; never with the other two
 #include "osaTask.h"
 
@@ -37,10 +37,9 @@ static constexpr char ZONE_MARKS[] = "+-:,./_<>"; // allowed beside letters and 
 static constexpr size_t ZONE_MAX = 92;            // characters
 
 static constexpr lock_role_t timeHeld;
-static constexpr lock_role_t zoneHeld;
 static constexpr lock_role_t zoneChangeHeld;
 static pthread_mutex_t time_lock = PTHREAD_MUTEX_INITIALIZER;
-static pthread_mutex_t zone_lock = PTHREAD_MUTEX_INITIALIZER;
+pthread_mutex_t environ_lock = PTHREAD_MUTEX_INITIALIZER;
 static pthread_mutex_t zone_change_lock = PTHREAD_MUTEX_INITIALIZER;
 
 // The rate: atomic, set together under time_lock.
@@ -287,10 +286,10 @@ void osaUpdateSysTimeBase(struct timeval oldTime, [[maybe_unused]] uint32_t elap
 
 void zone_local_time(time_t when, struct tm* local)
 {
-    LOCK_SECTION(&zone_lock, zoneHeld);
+    LOCK_SECTION(&environ_lock, environHeld);
     tzset(); // localtime_r alone need not notice a new TZ
     localtime_r(&when, local);
-    END_SECTION(zoneHeld);
+    END_SECTION(environHeld);
 }
 
 // -1 when there is no such instant.
@@ -298,9 +297,9 @@ static time_t instant_of(struct tm* local)
 {
     time_t when = -1;
 
-    LOCK_SECTION(&zone_lock, zoneHeld);
+    LOCK_SECTION(&environ_lock, environHeld);
     when = mktime(local);
-    END_SECTION(zoneHeld);
+    END_SECTION(environHeld);
     return when;
 }
 
@@ -360,9 +359,9 @@ static bool is_zone(const char* text)
 
 static void set_own_zone(const char* zone)
 {
-    LOCK_SECTION(&zone_lock, zoneHeld);
+    LOCK_SECTION(&environ_lock, environHeld);
     setenv("TZ", zone, 1);
-    END_SECTION(zoneHeld);
+    END_SECTION(environHeld);
 }
 
 status_t osaUpdateTimeZone(char* tzString)

@@ -1,0 +1,85 @@
+// Look-ups with the C library's own resolver while memory and descriptors run out, in namespaces of
+// their own: nobody can be asked there, so every query fails at once.
+#include "fail.h"
+#include "hostLib.h"
+#include "look_up.h"
+#include "own_mounts.h"
+
+#include <fcntl.h>
+#include <sys/resource.h>
+
+static char own_conf[] = "/tmp/resolvXXXXXX";
+
+// Another text each time, so that the C library reads it again. It has options, or a change of the
+// file alone would do nothing.
+static void change_configuration(int round)
+{
+    char text[80];
+    const int length =
+        snprintf(text, sizeof text, "options attempts:1\nnameserver 127.0.%d.1\n", round + 1);
+    const int file = open("/etc/resolv.conf", O_WRONLY | O_TRUNC | O_CLOEXEC);
+    ASSERT_EQ(write(file, text, static_cast<size_t>(length)), length);
+    close(file);
+}
+
+static void find_nothing()
+{
+    static constexpr char NAME[] = "no.such.host";
+    const auto hook = reinterpret_cast<int (*)(const char*)>(_presolvHostLibGetByName);
+
+    EXPECT_EQ(addresses(NAME), "");
+    EXPECT_EQ(hook(NAME), ERROR);
+    EXPECT_EQ(look_up(NAME, QUERY_NAPTR), "");
+    EXPECT_EQ(osaGetIpFromName(const_cast<char*>(NAME)), INADDR_NONE);
+}
+
+class LookUpWeather : public testing::Test {
+  protected:
+    static void SetUpTestSuite()
+    {
+        close(mkstemp(own_conf));
+        isolated = own_mounts(CLONE_NEWNET) &&
+                   mount(own_conf, "/etc/resolv.conf", nullptr, MS_BIND, nullptr) == 0;
+        unlink(own_conf);
+        hostTblInit();
+    }
+    void SetUp() override
+    {
+        if (!isolated) {
+            GTEST_SKIP() << "no namespaces here, or no /etc/resolv.conf to put another over";
+        }
+        change_configuration(0);
+        find_nothing();
+    }
+    static inline bool isolated = false;
+};
+
+TEST_F(LookUpWeather, WithoutDescriptorsNothingIsFound)
+{
+    rlimit all;
+    getrlimit(RLIMIT_NOFILE, &all);
+    for (const rlim_t count : {0, 3, 4, 5}) {
+        const rlimit few = {count, all.rlim_max};
+        change_configuration(static_cast<int>(count) + 1);
+        setrlimit(RLIMIT_NOFILE, &few);
+        find_nothing();
+        find_nothing();
+        setrlimit(RLIMIT_NOFILE, &all);
+    }
+    find_nothing();
+}
+
+TEST_F(LookUpWeather, WithoutMemoryInsideTheCLibraryNothingIsFound)
+{
+    for (const bool and_after : {false, true}) {
+        bool hit = true;
+        for (int n = 1; hit; n++) {
+            change_configuration(n % 200 + (and_after ? 20 : 0));
+            fail_malloc(n, and_after);
+            find_nothing();
+            hit = failed();
+            fail_nothing();
+            find_nothing();
+        }
+    }
+}
