@@ -4,11 +4,11 @@
 // table afterwards holds hostListSem.
 #include "hostLib.h"
 
+#include "dottedQuad.h"
 #include "internal.h"
+#include "osaResolv.h"
 #include "osaSem.h"
 
-#include <arpa/inet.h>
-#include <netdb.h>
 #include <stdint.h>
 #include <string.h>
 
@@ -22,29 +22,10 @@ FUNCPTR _presolvHostLibGetByName = nullptr;
 
 // ---- Host table ----
 
-static int first_address_of(const struct hostent* host)
-{
-    int address = ERROR;
-
-    if (host != nullptr && host->h_addr_list[0] != nullptr) {
-        memcpy(&address, host->h_addr_list[0], sizeof address);
-    }
-    return address;
-}
-
 static int resolvHostLibGetByName(char* pHostName)
 {
-    if (pHostName == nullptr) {
-        return ERROR;
-    }
-    const in_addr_t addr = inet_addr(pHostName);
-    if (addr != INADDR_NONE) {
-        return static_cast<int>(addr);
-    }
-    thread_record_t* me = op_enter();
-    const int found = first_address_of(gethostbyname(pHostName));
-    op_leave(me);
-    return found;
+    static_assert(INADDR_NONE == static_cast<in_addr_t>(ERROR));
+    return static_cast<int>(osaGetIpFromName(pHostName));
 }
 
 void hostTblInit(void)
@@ -67,29 +48,9 @@ status_t resolvInit(void)
 
 // ---- Addresses as text ----
 
-static char* put_octet(char* to, unsigned int octet)
-{
-    if (octet >= 100) {
-        *to++ = static_cast<char>('0' + octet / 100);
-    }
-    if (octet >= 10) {
-        *to++ = static_cast<char>('0' + octet / 10 % 10);
-    }
-    *to++ = static_cast<char>('0' + octet % 10);
-    return to;
-}
-
 void inet_ntoa_b(struct in_addr inetAddress, char* pString)
 {
-    unsigned char octets[4];
-    char* to = pString;
-
-    memcpy(octets, &inetAddress, sizeof octets);
-    for (const unsigned char octet : octets) {
-        to = put_octet(to, octet);
-        *to++ = '.';
-    }
-    to[-1] = '\0'; // in place of the last dot
+    *put_quad(pString, &inetAddress) = '\0';
 }
 
 // ---- Checksum ----

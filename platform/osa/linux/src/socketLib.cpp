@@ -4,6 +4,8 @@
 // type, so neither alignment nor the compiler's view of types can get in the way.
 #include "osaSocket.h"
 
+#include "dottedQuad.h"
+
 #include <arpa/inet.h>
 #include <ctype.h>
 #include <netinet/in.h>
@@ -57,31 +59,12 @@ static void store_addr(sockAddrStorage_t* ss, sa_family_t family, const void* by
     store_port(ss, port);
 }
 
-static char* put_part(char* out, unsigned part)
-{
-    if (part >= 100) {
-        *out++ = static_cast<char>('0' + part / 100);
-    }
-    if (part >= 10) {
-        *out++ = static_cast<char>('0' + part / 10 % 10);
-    }
-    *out++ = static_cast<char>('0' + part % 10);
-    return out;
-}
-
 // Text of an IPv4 address, cut to the buffer.
 static void ipv4_text(const void* bytes, char* buf, size_t size)
 {
-    unsigned char part[IPV4_LEN];
     char text[INET_ADDRSTRLEN];
-    char* out = text;
 
-    memcpy(part, bytes, sizeof part);
-    for (size_t i = 0; i < IPV4_LEN; i++) {
-        out = put_part(out, part[i]);
-        *out++ = '.';
-    }
-    size_t len = static_cast<size_t>(out - text) - 1; // without the last dot
+    size_t len = static_cast<size_t>(put_quad(text, bytes) - text);
     if (len >= size) {
         len = size - 1;
     }
