@@ -1,3 +1,4 @@
+#include "fail.h"
 #include "internal.h"
 #include "osaTask.h"
 #include "task_probe.h"
@@ -7,16 +8,21 @@
 #include <climits>
 #include <cstring>
 #include <random>
+#include <semaphore>
 #include <thread>
 
 // ---- The clocks and the shell, scripted ----
 
-static int64_t monotonic_ns = 0; // negative: fails
+static int64_t monotonic_ns = 0;                        // negative: fails
+static thread_local void (*between_fields)() = nullptr; // of this thread's readings of the clock
 static std::atomic<int64_t> wall_us = 0;
 static int clock_sets = 0;
 static int clock_set_result = 0;
 static time_t clock_set_to = 0;
 static std::vector<std::string> commands;
+static std::atomic<int> shells = 0;        // their number
+static std::binary_semaphore shell_end(0); // awaited by the shell of a zone with "STOP"
+static std::atomic<int> zone_uses = 0;
 
 static constexpr int64_t at(int64_t seconds, int64_t usec)
 {
@@ -33,7 +39,11 @@ int __wrap_clock_gettime(clockid_t, timespec* now)
 int __wrap_gettimeofday(timeval* now, void*)
 {
     const int64_t us = wall_us;
-    *now = {us / 1'000'000, us % 1'000'000};
+    now->tv_sec = us / 1'000'000;
+    if (between_fields) {
+        between_fields();
+    }
+    now->tv_usec = us % 1'000'000;
     return 0;
 }
 
@@ -47,9 +57,37 @@ int __wrap_clock_settime(clockid_t id, const timespec* to)
 
 int __wrap_system(const char* command)
 {
+    fail_nothing(); // none of it is the test's
     usleep(strstr(command, "SLOW") != nullptr ? 1000 : 0);
     commands.push_back(command);
+    shells++;
+    if (strstr(command, "STOP") != nullptr) {
+        shell_end.acquire();
+    }
     return 127 << 8; // what a missing shell gives
+}
+
+int __real_setenv(const char* name, const char* value, int overwrite);
+int __wrap_setenv(const char* name, const char* value, int overwrite)
+{
+    const int uses = zone_uses;
+    usleep(strstr(value, "SLOW") != nullptr ? 1000 : 0);
+    EXPECT_EQ(zone_uses, uses); // nobody of ours looks at it meanwhile
+    return __real_setenv(name, value, overwrite);
+}
+
+time_t __real_mktime(tm* local);
+time_t __wrap_mktime(tm* local)
+{
+    zone_uses++;
+    return __real_mktime(local);
+}
+
+tm* __real_localtime_r(const time_t* when, tm* local);
+tm* __wrap_localtime_r(const time_t* when, tm* local)
+{
+    zone_uses++;
+    return __real_localtime_r(when, local);
 }
 }
 
@@ -146,17 +184,22 @@ TEST(ClockTest, StepOfTheWallClockDoesNotShowInTheFallback)
 TEST(ClockTest, ReadersNeverSeeHalfABase)
 {
     fall_back(at(1000, 999'999));
-    std::jthread reader([](const std::stop_token& stop) {
-        while (!stop.stop_requested()) {
+    std::atomic<int> readings = 0;
+    std::jthread reader([&](const std::stop_token& stop) {
+        for (; !stop.stop_requested(); readings++) {
             const long ms = static_cast<long>(osaGetSysUpMs());
             const long ticks = static_cast<long>(tickGet());
-            ASSERT_TRUE((ms == 0 || ms == -1) && (ticks == 0 || ticks == -1)) << ms << ticks;
+            ASSERT_TRUE(ms >= -1 && ms <= 51 && ticks >= -1 && ticks <= 5) << ms << ticks;
         }
     });
-    for (int i = 0; i < 50'000; i++) {
+    ASSERT_TRUE(eventually([&] { return readings > 0; }));
+    between_fields = [] { usleep(20); };
+    for (int i = 0; i < 50; i++) {
         wall_us = i % 2 == 0 ? at(1001, 0) : at(1000, 999'999);
         tickInit();
     }
+    between_fields = nullptr;
+    osaUpdateSysTimeBase({1001, 0}, 50);
 }
 
 TEST(ClockTest, OffsetIsAdjustedAfterAStepBackAndAfterAMonth)
@@ -205,6 +248,7 @@ TEST(ClockTest, ZonesGoToTheEnvironmentAndTheFileAndHostileOnesAreRefused)
     }
     const size_t count = commands.size();
     std::vector<std::string> refused = {"", "-n" /* echo's */, std::string(93, 'A')};
+    refused.insert(refused.end(), {"/tmp/x", ":/tmp/x", "::/x", "../x", ":../../tmp/x", "A/../x"});
     for (int c = 1; c < 256; c++) {
         const std::string letter(1, static_cast<char>(c));
         if (allowed.find(letter) == std::string::npos) {
@@ -219,6 +263,46 @@ TEST(ClockTest, ZonesGoToTheEnvironmentAndTheFileAndHostileOnesAreRefused)
     EXPECT_EQ(commands.size(), count);
 }
 
+TEST(ClockTest, WithoutMemoryTheZoneStaysInProcessAndFile)
+{
+    char zone[] = "NEW1";
+    const size_t count = commands.size();
+    set_zone("OLD1");
+    fail_malloc(1, true);
+    EXPECT_EQ(osaUpdateTimeZone(zone), ERROR);
+    fail_nothing();
+    EXPECT_TRUE(failed());
+    EXPECT_STREQ(getenv("TZ"), "OLD1");
+    EXPECT_EQ(commands.size(), count + 1);
+}
+
+TEST(ClockTest, ZonesAreInEffectAtOnceAndNeverChangeUnderTheirUsers)
+{
+    const auto local_hour = [] {
+        tm local;
+        thread_record_t* me = op_enter();
+        zone_local_time(0, &local);
+        op_leave(me);
+        return local.tm_hour;
+    };
+    const auto for_ever = [](const auto& body) {
+        return std::jthread([body](const std::stop_token& stop) {
+            while (!stop.stop_requested()) {
+                body();
+            }
+        });
+    };
+    for (int hours = 1; hours < 3; hours++) {
+        set_zone("XXX-" + std::to_string(hours));
+        EXPECT_EQ(local_hour(), hours);
+    }
+    const auto reader = for_ever(local_hour);
+    const auto setter = for_ever([] { osaSetTime(2024, 0, 15, 12, 0, 0, 0); });
+    for (int i = 0; i < 5; i++) {
+        set_zone("SLOW1");
+    }
+}
+
 TEST(ClockTest, ConcurrentZonesLeaveProcessAndFileAlike)
 {
     for (int round = 0; round < 50; round++) {
@@ -227,4 +311,22 @@ TEST(ClockTest, ConcurrentZonesLeaveProcessAndFileAlike)
         other.join();
         ASSERT_NE(commands.back().find(getenv("TZ")), std::string::npos) << round;
     }
+}
+
+TEST(ClockTest, ATaskThatWaitsForAnothersShellEndsWithItsDeletion)
+{
+    const int before = shells;
+    std::jthread holder(set_zone, "STOP1");
+    probe waiting;
+    ASSERT_TRUE(eventually([&] { return shells > before; }));
+    const taskId_t task = spawn([&] {
+        probe_attach(&waiting);
+        set_zone("LATE1");
+    });
+    ASSERT_TRUE(eventually([&] { return waiting.running.load(); }));
+    EXPECT_EQ(taskDelete(task), OK);
+    EXPECT_TRUE(eventually([&] { return waiting.ended.load(); }));
+    shell_end.release();
+    EXPECT_EQ(set_zone("NEXT1"), OK);
+    EXPECT_EQ(shells, before + 2);
 }

@@ -291,10 +291,12 @@ status_t osaSetTimer(int tm_year, int tm_mon, int tm_mday, int tm_hour, int tm_m
  *
  * @param tzString  as in TZ, up to 92 characters: letters, digits and + - : , . / _ < >
  * @return OK, whatever the shell made of it; ERROR with nothing changed for a null or empty text,
- *         a longer one, or one with any other character
+ *         a longer one, one with any other character, one that leads to a file outside the
+ *         directory of zones ("/" in front, also behind ":", or ".."), and without memory
  *
- * Waits for the shell. Threads that read the environment or use local time by themselves meanwhile
- * are not protected against the change.
+ * Waits for the shell; callers take turns. A task deleted in its own shell command ends after it,
+ * one that waits for its turn ends at once. Threads that read the environment or use local time by
+ * themselves meanwhile are not protected against the change.
  */
 status_t osaUpdateTimeZone(char* tzString);
 

@@ -7,12 +7,13 @@
 // an old one with a new one, once, while the tick count jumps anyway.
 //
 // Locks, outermost first:
-//   zone_change_lock   one osaUpdateTimeZone at a time, its shell command included
+//   zone_change        one osaUpdateTimeZone at a time, its shell command included
 //   environ_lock       TZ in the environment, against our own use of local time and look-ups
 //   time_lock          sysInitTime, offset and changes of the rate; never with the other two
 #include "osaTask.h"
 
 #include "internal.h"
+#include "longLock.h"
 
 #include <errno.h>
 #include <limits.h>
@@ -37,10 +38,9 @@ static constexpr char ZONE_MARKS[] = "+-:,./_<>"; // allowed beside letters and 
 static constexpr size_t ZONE_MAX = 92;            // characters
 
 static constexpr lock_role_t timeHeld;
-static constexpr lock_role_t zoneChangeHeld;
 static pthread_mutex_t time_lock = PTHREAD_MUTEX_INITIALIZER;
 pthread_mutex_t environ_lock = PTHREAD_MUTEX_INITIALIZER;
-static pthread_mutex_t zone_change_lock = PTHREAD_MUTEX_INITIALIZER;
+static constinit long_lock_t zone_change;
 
 // The rate: atomic, set together under time_lock.
 static int sysTicks = 100; // ticks per second
@@ -340,13 +340,20 @@ static bool is_zone_character(char c)
            strchr(ZONE_MARKS, c) != nullptr;
 }
 
+// The C library opens the file that such a text names, whatever it is: a FIFO would stop every use
+// of local time. A name without these leads into the directory of zones.
+static bool names_any_file(const char* text)
+{
+    return text[strspn(text, ":")] == '/' || strstr(text, "..") != nullptr;
+}
+
 // Nothing that ends the single quotes around it in the command, that is a line of its own, or that
 // echo takes for an option.
 static bool is_zone(const char* text)
 {
     const size_t length = strnlen(text, ZONE_MAX + 1);
 
-    if (length == 0 || length > ZONE_MAX || text[0] == '-') {
+    if (length == 0 || length > ZONE_MAX || text[0] == '-' || names_any_file(text)) {
         return false;
     }
     for (size_t i = 0; i < length; i++) {
@@ -357,16 +364,20 @@ static bool is_zone(const char* text)
     return true;
 }
 
-static void set_own_zone(const char* zone)
+static bool set_own_zone(const char* zone)
 {
+    bool set = false;
+
     LOCK_SECTION(&environ_lock, environHeld);
-    setenv("TZ", zone, 1);
+    set = setenv("TZ", zone, 1) == 0;
     END_SECTION(environHeld);
+    return set;
 }
 
 status_t osaUpdateTimeZone(char* tzString)
 {
     char command[sizeof ZONE_COMMAND + ZONE_MAX] = {};
+    bool set = false;
 
     if (tzString == nullptr || !is_zone(tzString)) {
         return ERROR;
@@ -377,10 +388,13 @@ status_t osaUpdateTimeZone(char* tzString)
     }
     thread_record_t* me = op_enter();
     // Over both, or of two callers one could have the process and the other the file.
-    LOCK_SECTION(&zone_change_lock, zoneChangeHeld);
-    set_own_zone(tzString);
-    [[maybe_unused]] const int exit_status = system(command); // a failing shell is not reported
-    END_SECTION(zoneChangeHeld);
+    if (long_lock_take(me, &zone_change)) {
+        set = set_own_zone(tzString);
+        if (set) {
+            [[maybe_unused]] const int exit_status = system(command); // a failing one goes unsaid
+        }
+        long_lock_give(&zone_change);
+    }
     op_leave(me);
-    return OK;
+    return set ? OK : ERROR;
 }
