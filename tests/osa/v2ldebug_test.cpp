@@ -21,7 +21,7 @@ static int64_t wall_us = 0;
 
 /** What the product did, in memory that forked processes share. */
 struct record {
-    int forks, child_status;
+    int forks, waits, child_status;
     pid_t waited_for;
     unsigned int alarm_s;
     bool fork_fails;
@@ -58,6 +58,10 @@ long __wrap_syscall(long number, long a, long b, long c, long d, long e)
 pid_t __wrap_waitpid(pid_t pid, int*, int options)
 {
     seen->waited_for = pid;
+    if (seen->waits++ == 0) {
+        errno = EINTR; // a signal comes in between
+        return -1;
+    }
     return __real_waitpid(pid, &seen->child_status, options);
 }
 
@@ -92,8 +96,8 @@ TEST(Trace, DateOnceThenTheTimeUnlessTheMicrosecondsSayNothingNew)
 
 // ---- Segmentation faults ----
 
-/** Runs a function in a process, which must end with a status of 1. */
-static void expect_end(void (*body)())
+/** Runs a function in a process, which must end with a status. */
+static void expect_end(void (*body)(), int expected = 1)
 {
     *seen = {};
     const pid_t pid = fork();
@@ -107,7 +111,7 @@ static void expect_end(void (*body)())
     }
     int status = 0;
     __real_waitpid(pid, &status, 0);
-    EXPECT_EQ(status, 1 << 8);
+    EXPECT_EQ(status, expected << 8);
     EXPECT_EQ(seen->forks, 1);
 }
 
@@ -147,6 +151,19 @@ TEST(Fault, LeavesOneDeadChildAndEndsTheProcess)
     EXPECT_EQ(WTERMSIG(seen->child_status), SIGSEGV);
     EXPECT_GT(seen->alarm_s, 0U);
     EXPECT_LE(seen->alarm_s, 5U);
+}
+
+// There is no fault to go back to: the child must not live on as a copy with one thread.
+TEST(Fault, ASignalFromOutsideLeavesADeadChildAndAProcessThatGoesOn)
+{
+    const auto body = [] {
+        signal_init();
+        errno = ENOTTY;
+        kill(getpid(), SIGSEGV);
+        _exit(errno);
+    };
+    expect_end(body, ENOTTY);
+    EXPECT_EQ(WTERMSIG(seen->child_status), SIGSEGV);
 }
 
 TEST(Fault, WithoutAChildOfItsOwnAnyIsWaitedForAndAnExitThatHangsIsCutShort)

@@ -196,13 +196,17 @@ void mybreak(void);
 
 // ---- Functions under libc's names ----
 //
-// Declared in <stdio.h> and <unistd.h>; the program's stand in for them in the whole process.
+// Declared in <stdio.h> and <unistd.h>; the program's stand in for them in the whole process, for
+// whoever calls them by these names. A header may have an inline getline, which calls another
+// function of the C library (glibc's has one in optimised builds): such a call is not replaced.
 //
 // getline(lineptr, n, stream) reads at most *n - 1 bytes of a line into the buffer at *lineptr,
 //   which the caller provides: it is never allocated, enlarged or freed. A longer line comes in
-//   pieces. Result: the length, newline included; -1 at the end of the file, on an error, and with
-//   nothing written for a null lineptr, n or buffer and a buffer of less than 2 bytes (errno
-//   EINVAL). A deletion of the calling task waits until the line is there.
+//   pieces. Result: the length, newline included, but only up to a zero byte in the line; -1 at the
+//   end of the file, on an error, and with nothing written for a null lineptr, n or buffer and a
+//   buffer of less than 2 bytes (errno EINVAL). A signal while it waits for input is an error, and
+//   loses what there was of the line; SIGUSR1 is, so a deletion of the calling task takes effect
+//   there. Only when it comes in the instant before the wait does the task end after the line.
 // sethostname(host, len) changes nothing and returns 0.
 // gettid() is the kernel's id of the calling thread.
 
@@ -226,14 +230,15 @@ void trace_time(void);
 /** Installs sighandler for SIGSEGV. */
 void signal_init(void);
 
-/** Calls gdb. @param x the signal, not used */
+/** Calls gdb, and in the child it forks, sends SIGSEGV. @param x the signal, not used */
 void sighandler(int x);
 
 /**
  * Leaves a core of a fault, and then ends the process: the first call forks a child, in which
  * SIGSEGV has its default action again, and waits for it to end; both return. In the fault's
- * handler this means that the child meets the fault again and dies of it, and that the parent meets
- * it again and calls gdb once more, which ends the process with status 1.
+ * handler this means that the child dies of it, and that the parent meets it again and calls gdb
+ * once more, which ends the process with status 1. After a SIGSEGV that somebody sent there is no
+ * fault to meet: the child leaves its core, and the process goes on until the next one.
  *
  * May be called in any state of the process, inside malloc as well. When exit has not come to an
  * end after 3 seconds, the process ends all the same; SIGALRM serves for that.

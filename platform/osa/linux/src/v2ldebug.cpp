@@ -116,11 +116,21 @@ void signal_init(void)
     signal(SIGSEGV, sighandler);
 }
 
+// For the child: once the handler returns and SIGSEGV is let in again, before the next instruction.
+// By bare calls: the C library may still have the parent's numbers.
+static void die_on_return(void)
+{
+    syscall(SYS_kill, syscall(SYS_getpid), static_cast<long>(SIGSEGV));
+}
+
 void sighandler(int)
 {
     const int saved_errno = errno;
 
     gdb();
+    if (load_relaxed(&gdb_pid) == 0) {
+        die_on_return();
+    }
     errno = saved_errno;
 }
 
@@ -135,7 +145,8 @@ void gdb(void)
     const pid_t child = bare_fork();
     store_relaxed(&gdb_pid, child);
     if (child == 0) {
-        // Back into the fault, this time for good: a core, and no child of its own.
+        // Back into the fault, this time for good: a core, and no child of its own. The signal may
+        // also have come from outside, without a fault: sighandler sees to that.
         signal(SIGSEGV, SIG_DFL);
         return;
     }
