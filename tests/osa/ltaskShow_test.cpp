@@ -1,4 +1,6 @@
+#include "fail.h"
 #include "osaTask.h"
+#include "own_mounts.h"
 #include "task_probe.h"
 
 #include <gtest/gtest.h>
@@ -7,10 +9,8 @@
 #include <dirent.h>
 #include <fstream>
 #include <iterator>
-#include <sched.h>
 #include <semaphore>
 #include <signal.h>
-#include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <thread>
@@ -25,6 +25,7 @@ static std::atomic<int> overlapping{0};
 static std::string status_text; // what fopen gives for a thread's status file; "-": a failure
 static const char* closed_directory = nullptr;
 static bool lists_nobody = false;
+static bool reads_fail = false;
 
 extern "C" FILE* __real_fopen(const char*, const char*);
 extern "C" DIR* __real_opendir(const char*);
@@ -56,6 +57,12 @@ extern "C" int __wrap_system(const char* command)
     }
     inside--;
     return 0;
+}
+
+extern "C" ssize_t __real_read(int, void*, size_t);
+extern "C" ssize_t __wrap_read(int file, void* bytes, size_t size)
+{
+    return reads_fail ? -1 : __real_read(file, bytes, size);
 }
 
 extern "C" FILE* __wrap_fopen(const char* path, const char* mode)
@@ -112,9 +119,8 @@ struct process {
 // From here on this thread, and those it starts, have a /tmp of their own.
 static bool private_tmp(mode_t mode)
 {
-    return unshare(CLONE_NEWNS) == 0 &&
-           mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-           mount("none", "/tmp", "tmpfs", 0, nullptr) == 0 && chmod("/tmp", mode) == 0;
+    return own_mounts() && mount("none", "/tmp", "tmpfs", 0, nullptr) == 0 &&
+           chmod("/tmp", mode) == 0;
 }
 
 class InspectionTest : public testing::Test {
@@ -178,20 +184,27 @@ TEST_F(InspectionTest, SearchesDoNotMixAndADeletionEndsOne)
     other.join();
     EXPECT_EQ(overlapping, 0);
 
-    hook = [](const std::string&) { return usleep(20000), false; };
+    // Two deletions: of one that waits for its turn, and of the one whose turn it is.
+    std::counting_semaphore<> shell_end(0);
+    hook = [&](const std::string&) { return shell_end.acquire(), false; };
     commands = 0;
     probe searching;
-    const taskId_t task = spawn([&] {
-        probe_attach(&searching);
-        pid_of("hnetdNone");
-    });
-    ASSERT_TRUE(eventually([] { return commands >= 2; }));
-    EXPECT_EQ(taskDelete(task), OK);
+    probe waiting;
+    const auto start_search = [](probe* p) {
+        return spawn([p] { probe_attach(p), pid_of("hnetdNone"); });
+    };
+    const taskId_t first = start_search(&searching);
+    ASSERT_TRUE(eventually([] { return commands == 1; }));
+    const taskId_t second = start_search(&waiting);
+    ASSERT_TRUE(eventually([&] { return waiting.running.load(); }));
+    EXPECT_EQ(taskDelete(second), OK);
+    EXPECT_TRUE(eventually([&] { return waiting.ended.load(); }));
+    EXPECT_EQ(taskDelete(first), OK);
+    shell_end.release(2); // of "cat" and "rm"
     EXPECT_TRUE(eventually([&] { return searching.ended.load(); }));
-    const int until_then = commands.exchange(0);
+    EXPECT_EQ(commands, 2);
     hook = nullptr;
     EXPECT_EQ(pid_of("hnetdNone"), -1); // the lock is free
-    EXPECT_LT(until_then, commands);
 }
 
 // Searches in a child process with a fresh /tmp of a mode, in which somebody did something.
@@ -200,6 +213,7 @@ static void expect_search(pid_t pid, mode_t mode, const std::function<void()>& p
     const std::string name = unique("hnetdXq");
     const std::string text = "77 (" + name + ") S"; // would do as either file
     const auto search = [&] {
+        alarm(60);
         EXPECT_TRUE(private_tmp(mode));
         write_file("/tmp/victim", text);
         plant();
@@ -221,21 +235,29 @@ TEST_F(InspectionTest, NeitherFollowsNorTrustsWhatOthersPlanted)
         const auto link = [=] { EXPECT_EQ(symlink("/tmp/victim", name), 0); };
         const auto file = [=] { write_file(name, "left over"); };
         const auto give_away = [=] { EXPECT_EQ(lchown(name, 4321, 4321), 0); };
-        const auto swap_after_cat = [=](const std::string& command) {
-            const bool ours = command.ends_with(std::string("> ") + name);
-            return ours && unlink(name) == 0 && symlink("/tmp/victim", name) == 0;
+        const auto swap_after_cat = [=](const std::function<void()>& plant) {
+            hook = [=](const std::string& command) {
+                const bool ours = command.ends_with(std::string("> ") + name);
+                return ours && unlink(name) == 0 && (plant(), true);
+            };
         };
         SCOPED_TRACE(name);
-        // What we left over is removed; what others did stops the search.
+        // What may be removed is; what was put there after that stops the search.
         expect_search(probe.pid, 01777, link);
         expect_search(probe.pid, 01777, file);
-        expect_search(-1, 01777, [=] { link(), give_away(); });
-        expect_search(-1, 01777, [=] { file(), give_away(); });
+        expect_search(probe.pid, 01777, [=] { link(), give_away(); });
+        expect_search(probe.pid, 01777, [=] { file(), give_away(); });
         expect_search(-1, 01777, [=] { mkdir(name, 0700); });
-        expect_search(-1, 01777, [=] { hook = swap_after_cat; });
+        expect_search(-1, 01777, [=] { swap_after_cat(link); });
+        expect_search(-1, 01777, [=] { swap_after_cat([=] { mkfifo(name, 0600); }); });
+        expect_search(-1, 01777, [=] {
+            swap_after_cat([=] { write_file(name, read_file("/tmp/victim")), give_away(); });
+        });
     }
+    expect_search(-1, 01777, [] { reads_fail = true; });
     expect_search(probe.pid, 0755, [] {});
     expect_search(-1, 0777, [] {}); // anybody could exchange the files
+    expect_search(-1, 01777, [] { EXPECT_EQ(chown("/tmp", 4321, 4321), 0); }); // and its owner
 }
 
 // An empty name stands for none.
@@ -375,6 +397,11 @@ TEST_F(InspectionTest, NamesStatusCodes)
     EXPECT_STREQ(VxWorksError(0x110001), "S_memLib_NOT_ENOUGH_MEMORY");
     EXPECT_STREQ(VxWorksError(0x30065), "S_taskLib_ILLEGAL_PRIORITY");
     EXPECT_STREQ(VxWorksError(ENOENT), "No such file or directory");
+    EXPECT_STREQ(VxWorksError(123456), "Unknown error 123456");
+    fail_malloc(1, true);
+    const char* const text = VxWorksError(654321);
+    fail_nothing();
+    EXPECT_STREQ(text, "Unknown error");
 }
 
 TEST_F(InspectionTest, DemonstratesThatPrioritiesDoNotReachThreads)

@@ -323,9 +323,10 @@ extern int checkTaskStatusNum;
  * @return -1 for a null name, when no process fits, and when it is gone before its id was read
  *
  * Every process costs two shell commands, which copy through /tmp/cmdline and /tmp/stat: no other
- * process may search at the same time. Searches of this process wait for each other. Where such a
- * file belongs to somebody else, or others could exchange it, no process is found; what is ours
- * under these names is removed. A deletion of the caller takes effect between two processes.
+ * process may search at the same time. Whatever has these names is removed. Where that is not
+ * allowed, or where others could exchange the copies because /tmp is theirs or open to all without
+ * the sticky bit, no process is found. Searches of this process take turns; a deletion of the
+ * caller takes effect while it waits for its turn and between two processes.
  */
 int getPidByName(char* processName);
 
@@ -375,7 +376,8 @@ int taskIdListGet(int* list, int maxIds);
  * Name of a status code.
  *
  * @return a constant; for other numbers the text of strerror, which the thread's next call of
- *         strerror may replace. Neither may be written to.
+ *         strerror may replace, or "Unknown error" where it has none for want of memory. None of
+ *         them may be written to.
  */
 char* VxWorksError(int status);
 

@@ -8,13 +8,14 @@
 // looked at once more.
 //
 // Locks, never held together except with the C library's own:
-//   tmpFilesLock     the files under /tmp, over a whole search; waited for in slices
+//   tmpFilesLock     the files under /tmp, over a whole search
 //   registerLock     registrations; the entries below checkTaskStatusNum are complete for whoever
 //                    loads it with acquire, so a check needs no lock
 //   task_list_lock   inside the task lock
 #include "osaTask.h"
 
 #include "internal.h"
+#include "longLock.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -39,7 +40,7 @@ TASK_STATUS_T taskStatus[100]; // new entries guarded by registerLock; exist is 
 int checkTaskStatusNum = 0;    // atomic, written locked
 
 static pthread_mutex_t registerLock = PTHREAD_MUTEX_INITIALIZER;
-static pthread_mutex_t tmpFilesLock = PTHREAD_MUTEX_INITIALIZER;
+static constinit long_lock_t tmpFilesLock;
 
 /** A line of a status file in /proc. */
 typedef struct {
@@ -66,26 +67,24 @@ static void run_command(const char* command)
     [[maybe_unused]] const int status = system(command);
 }
 
-// Others must not be able to take our file away from under its name.
+// Others must not be able to take our file away from under its name. Whoever owns the directory
+// can, whatever its mode; root could do anything in any case.
 static bool keeps_names(const char* directory)
 {
     struct stat dir;
 
-    return stat(directory, &dir) == 0 &&
+    return stat(directory, &dir) == 0 && (dir.st_uid == 0 || dir.st_uid == geteuid()) &&
            ((dir.st_mode & (S_IWGRP | S_IWOTH)) == 0 || (dir.st_mode & S_ISVTX) != 0);
 }
 
-// Makes an empty file of our own at path; false where that is not possible.
+// Makes an empty file of our own at path; false where that is not possible. What stands there is
+// removed, whoever made it, and no link is followed.
 static bool claim_copy(const char* path) REQUIRES(tmpFilesHeld)
 {
-    struct stat there;
-
     if (!keeps_names("/tmp")) {
         return false;
     }
-    if (lstat(path, &there) == 0 && (there.st_uid != geteuid() || unlink(path) != 0)) {
-        return false;
-    }
+    (void)unlink(path); // what stays keeps ours from being made
     const int fd = open(path, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600);
     if (fd < 0) {
         return false;
@@ -183,23 +182,15 @@ static int search_processes(const thread_record_t* me, const char* name) REQUIRE
     return pid;
 }
 
-static void unlock_mutex(void* mutex)
-{
-    pthread_mutex_unlock(static_cast<pthread_mutex_t*>(mutex));
-}
-
 static int find_process(thread_record_t* me, const char* name)
 {
-    int pid = -1;
-
-    if (name == nullptr || !op_lock(me, &tmpFilesLock)) {
+    if (name == nullptr || !long_lock_take(me, &tmpFilesLock)) {
         return -1;
     }
     role_taken(tmpFilesHeld);
-    pthread_cleanup_push(unlock_mutex, &tmpFilesLock);
-    pid = search_processes(me, name);
-    pthread_cleanup_pop(1);
+    const int pid = search_processes(me, name);
     role_given(tmpFilesHeld);
+    long_lock_give(&tmpFilesLock);
     return pid;
 }
 
@@ -511,9 +502,9 @@ char* VxWorksError(int status)
         }
     }
     thread_record_t* me = op_enter();
-    char* text = strerror(status);
+    char* text = strerror(status); // null when there is no memory for a number without a text
     op_leave(me);
-    return text;
+    return text != nullptr ? text : const_cast<char*>("Unknown error");
 }
 
 // ---- Demonstration of priorities ----
