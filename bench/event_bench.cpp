@@ -30,9 +30,9 @@ struct hnetd {
     static inline int& called = called_handlers;
     int32_t param = 50;
 
-    hnetd()
+    explicit hnetd(int others = OTHER_EVENTS)
     {
-        for (int i = 0; i < OTHER_EVENTS; i++) {
+        for (int i = 0; i < others; i++) {
             uEventCare(other_event(i).data(), count_calls[0], nullptr);
         }
     }
@@ -56,9 +56,9 @@ struct model {
     name_table<std::vector<handler>> events;
     int32_t param = 50;
 
-    model()
+    explicit model(int others = OTHER_EVENTS)
     {
-        for (int i = 0; i < OTHER_EVENTS; i++) {
+        for (int i = 0; i < others; i++) {
             events[other_event(i)].push_back({count, nullptr});
         }
     }
@@ -84,3 +84,5 @@ struct model {
 
 EVENT_ROWS(hnetd, "hnetd");
 EVENT_ROWS(model, "floor");
+MANY_EVENTS_ROWS(hnetd, "hnetd");
+MANY_EVENTS_ROWS(model, "floor");

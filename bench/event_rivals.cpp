@@ -30,9 +30,9 @@ struct signals2 {
     named_signals<signal> names;
     int param = 50;
 
-    signals2()
+    explicit signals2(int others = OTHER_EVENTS)
     {
-        for (int i = 0; i < OTHER_EVENTS; i++) {
+        for (int i = 0; i < others; i++) {
             names.add(other_event(i)).connect(count);
         }
     }
@@ -59,9 +59,9 @@ struct sigcpp {
     named_signals<signal> names;
     int param = 50;
 
-    sigcpp()
+    explicit sigcpp(int others = OTHER_EVENTS)
     {
-        for (int i = 0; i < OTHER_EVENTS; i++) {
+        for (int i = 0; i < others; i++) {
             names.add(other_event(i)).connect(sigc::ptr_fun(count));
         }
     }
@@ -111,3 +111,5 @@ EVENT_ROWS(signals2, "Boost.Signals2");
 EVENT_ROWS(signals2_at_hand, "Signals2, no name");
 EVENT_ROWS(sigcpp, "sigc++");
 EVENT_ROWS(glib, "GLib");
+MANY_EVENTS_ROWS(signals2, "Boost.Signals2");
+MANY_EVENTS_ROWS(sigcpp, "sigc++");

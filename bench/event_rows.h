@@ -47,5 +47,18 @@ template <class Registry> void raise_to(benchmark::State& state)
     }
 }
 
+/** One handler, and a number of events that the registry holds. The program takes 256. */
+template <class Registry> void raise_among(benchmark::State& state)
+{
+    Registry registry(static_cast<int>(state.range(0)) - 1);
+
+    registry.care(0);
+    for (auto _ : state) {
+        registry.raise();
+    }
+}
+
 #define EVENT_ROWS(type, name)                                                                     \
     BENCHMARK(raise_to<type>)->Name("event.raise/" name)->Arg(1)->Arg(3)->Arg(10)->Arg(17)
+#define MANY_EVENTS_ROWS(type, name)                                                               \
+    BENCHMARK(raise_among<type>)->Name("event.among/" name)->Arg(1)->Arg(20)->Arg(250)

@@ -1,31 +1,39 @@
 // The event registry: a table of events, each with its list of handlers.
 //
-// An event is its two keys. The table is open addressing with linear probing: an event lies in the
-// slot that its second key names, or behind it with no free slot in between. Taking an event out
-// moves later ones of the probe sequence back into the gap, so that a search may stop at the first
-// free slot, however often slots are used again.
+// An event is its two keys. It lies in the slot that its second key names, or in the first one
+// behind it that was free. Beside the table there are chains of the events with the same second
+// key, for the way from slot to slot gets long as the table fills, and is cut where an event has
+// left.
 //
 // A raise copies the handlers and calls the copies with the registry unlocked. Up to 16 copies lie
 // on the stack; a block with more hangs on a cleanup handler during the calls, for a handler may
-// end its thread. Without memory for the block the live list is walked with semEvent held: the walk
-// is entered in `walks`, whoever frees a node moves the walks that stand on it forward, and serials
-// keep a walk from handlers that were registered after it began, for ever if they register again.
+// end its thread. Without memory for the block the live list is walked with the registry locked:
+// the walk is entered in `walks`, whoever frees a node moves the walks that stand on it forward,
+// and serials keep a walk from handlers that were registered after it began, for ever if they
+// register again.
 //
-// semEvent is created by the first operation and stays for the life of the process: uEventUninit
-// drops the table, but the lock of that moment may have waiters. The table is built again under it.
+// The registry is locked by a word, registry_word, and who finds it held sleeps with semEvent. The
+// word is not recursive, but handlers called in a walk may use the registry. So a walk says whose
+// thread it is (walker): that thread passes, and its sections inside do not let the word go.
+//
+// Word and semaphore are created by the first operation and stay for the life of the process:
+// uEventUninit drops the table, but the lock of that moment may have waiters. The table is built
+// again under it.
 //
 // Locks, outermost first:
-//   creation_lock   the creation of semEvent
-//   semEvent        recursive; everything else here
+//   creation_lock   the creation of the lock
+//   registry_word   with semEvent for its waiters; everything else here
 // Nothing is logged with one of them held.
 #include "uEvent.h"
 
+#include "hashMethod.h"
 #include "internal.h"
+#include "lockWord.h"
 #include "nxaLog.h"
 #include "osaSem.h"
 #include "uBm.h"
 
-static constexpr int32_t SLOTS = 256; // a power of two
+static constexpr int32_t SLOTS = 256; // as many as the second key of a name tells apart
 static constexpr size_t FEW_HANDLERS = 16;
 
 // What uEventSearchHash answers beside the index of a slot.
@@ -41,18 +49,14 @@ typedef struct uEventNode {
     uint64_t serial; // number of the registration, ascending along the list
 } uEventNode_t;
 
-typedef struct {
-    int32_t isExist;      // 1: holds an event
-    int64_t hashAddressA; // bkdrHash(name)
-    int64_t hashAddressB; // rsHash(name, SLOTS): also the slot where a search starts
-    uEventNode_t* head;   // in order of registration
+typedef struct eventBuff {
+    int32_t isExist;        // 1: holds an event
+    int64_t hashAddressA;   // bkdrHash(name)
+    int64_t hashAddressB;   // rsHash(name, SLOTS)
+    uEventNode_t* head;     // in order of registration
+    struct eventBuff* next; // event with the same hashAddressB
+    int32_t index;          // of the slot
 } eventBuff_t;
-
-/** Keys of a name. */
-typedef struct {
-    int64_t a;
-    int64_t b;
-} keys_t;
 
 /** A handler as a raise calls it. */
 typedef struct {
@@ -67,7 +71,7 @@ typedef struct {
     size_t paramSize;
 } raise_t;
 
-/** A raise that calls handlers from the live list, on the stack of the thread with semEvent. */
+/** A raise that calls handlers from the live list, on the stack of the thread with the lock. */
 typedef struct walk {
     struct walk* outer;
     uEventNode_t* next; // handler to call next
@@ -75,12 +79,16 @@ typedef struct walk {
 
 enum class outcome_t : uint8_t { DONE, ALREADY, FULL, FAILED };
 
-static constexpr lock_role_t eventHeld; // semEvent
+static constexpr lock_role_t eventHeld; // registry_word
 
 static pthread_mutex_t creation_lock = PTHREAD_MUTEX_INITIALIZER;
 static SEM_ID semEvent = nullptr; // atomic: written once
+static lock_word_t registry_word;
+static pthread_t walker = 0; // thread of the walks, or 0; atomic, written locked
 static eventBuff_t* eventBuffArea_t[SLOTS] GUARDED_BY(eventHeld);
-static int32_t sIsEventInit GUARDED_BY(eventHeld) = 0; // 1: all slots are there
+static int32_t sIsEventInit GUARDED_BY(eventHeld) = 0;   // 1: all slots are there
+static eventBuff_t* chains[SLOTS] GUARDED_BY(eventHeld); // events by hashAddressB
+static int32_t event_count GUARDED_BY(eventHeld) = 0;    // in the table
 static uint64_t last_serial GUARDED_BY(eventHeld) = 0;
 static walk_t* walks GUARDED_BY(eventHeld) = nullptr; // innermost first
 
@@ -93,6 +101,7 @@ static bool create_lock(void)
 
     LOCK_SECTION(&creation_lock, creationHeld);
     if (semEvent == nullptr) {
+        lock_word_init(&registry_word);
         store_release(&semEvent, semMCreate(0));
     }
     created = semEvent != nullptr;
@@ -108,12 +117,17 @@ static bool has_lock(void)
 
 static void lock_registry(void) ACQUIRES(eventHeld) UNCHECKED
 {
-    own_sem_take(semEvent);
+    // Whenever the load is made: a thread sees its own id there exactly while it walks.
+    if (!lock_word_try(&registry_word) && load_relaxed(&walker) != pthread_self()) {
+        lock_word_wait(&registry_word, sem_mutex(semEvent));
+    }
 }
 
 static void unlock_registry(void) RELEASES(eventHeld) UNCHECKED
 {
-    own_sem_give(semEvent);
+    if (walks == nullptr) { // otherwise this section lies inside a walk
+        lock_word_give(&registry_word, sem_mutex(semEvent));
+    }
 }
 
 static void free_slots_locked(void) REQUIRES(eventHeld)
@@ -147,47 +161,24 @@ static void lock_table(void) ACQUIRES(eventHeld)
 
 // ---- Events in the table ----
 
-// rsHash and bkdrHash in one pass over the name.
-static keys_t keys_of(const char* name)
+static eventBuff_t* find_locked(name_keys_t keys) REQUIRES(eventHeld)
 {
-    uint32_t rs = 0;
-    uint32_t rs_factor = 63689;
-    uint32_t bkdr = 0; // only its low 31 bits count
+    eventBuff_t* slot = chains[keys.b];
 
-    for (; name != nullptr && *name != '\0'; name++) {
-        const uint32_t byte = static_cast<unsigned char>(*name);
-        rs = rs * rs_factor + byte;
-        rs_factor *= 378551;
-        bkdr = bkdr * 131 + byte;
+    while (slot != nullptr && slot->hashAddressA != keys.a) {
+        slot = slot->next;
     }
-    return {.a = bkdr & 0x7fffffff, .b = rs % SLOTS};
-}
-
-static int32_t slot_after(int32_t index)
-{
-    return (index + 1) % SLOTS;
+    return slot;
 }
 
 static int32_t uEventSearchHash(char* eventName) REQUIRES(eventHeld)
 {
-    const keys_t keys = keys_of(eventName);
-    const int32_t start = static_cast<int32_t>(keys.b);
-    int32_t index = start;
+    const eventBuff_t* slot = find_locked(keys_of(eventName));
 
-    if (sIsEventInit == 0) {
-        return NOT_FOUND;
+    if (slot != nullptr) {
+        return slot->index;
     }
-    do {
-        const eventBuff_t* slot = eventBuffArea_t[index];
-        if (slot->isExist == 0) {
-            return NOT_FOUND;
-        }
-        if (slot->hashAddressA == keys.a && slot->hashAddressB == keys.b) {
-            return index;
-        }
-        index = slot_after(index);
-    } while (index != start);
-    return TABLE_FULL;
+    return event_count == SLOTS ? TABLE_FULL : NOT_FOUND;
 }
 
 static int32_t uEventRegister(char*, int64_t hashAddressA, int64_t hashAddressB, int32_t hashStart)
@@ -199,31 +190,16 @@ static int32_t uEventRegister(char*, int64_t hashAddressA, int64_t hashAddressB,
         return -1;
     }
     while (eventBuffArea_t[index]->isExist != 0) {
-        index = slot_after(index);
+        index = (index + 1) % SLOTS;
         if (index == hashStart) {
             return -1;
         }
     }
-    *eventBuffArea_t[index] = {1, hashAddressA, hashAddressB, nullptr};
+    eventBuff_t** chain = &chains[hashAddressB];
+    *eventBuffArea_t[index] = {1, hashAddressA, hashAddressB, nullptr, *chain, index};
+    *chain = eventBuffArea_t[index];
+    event_count++;
     return index;
-}
-
-// An event may move back into the gap unless its search starts behind it. Slots passed over stay
-// reachable: they start behind the gap. Ends, for the gap itself is free.
-static void close_gap_locked(int32_t gap) REQUIRES(eventHeld)
-{
-    for (int32_t index = slot_after(gap); eventBuffArea_t[index]->isExist != 0;
-         index = slot_after(index)) {
-        eventBuff_t* slot = eventBuffArea_t[index];
-        const int32_t start = static_cast<int32_t>(slot->hashAddressB);
-        const int32_t from_start = (index - start + SLOTS) % SLOTS;
-        const int32_t from_gap = (index - gap + SLOTS) % SLOTS;
-        if (from_start >= from_gap) {
-            *eventBuffArea_t[gap] = *slot;
-            *slot = {};
-            gap = index;
-        }
-    }
 }
 
 static void free_node_locked(uEventNode_t* node) REQUIRES(eventHeld)
@@ -241,10 +217,17 @@ static void uEventUnregister(char* eventName) REQUIRES(eventHeld)
 {
     const int32_t index = uEventSearchHash(eventName);
 
-    if (index >= 0) {
-        *eventBuffArea_t[index] = {};
-        close_gap_locked(index);
+    if (index < 0) {
+        return;
     }
+    eventBuff_t* slot = eventBuffArea_t[index];
+    eventBuff_t** link = &chains[slot->hashAddressB];
+    while (*link != slot) {
+        link = &(*link)->next;
+    }
+    *link = slot->next;
+    *slot = {};
+    event_count--;
 }
 
 // ---- Init and uninit ----
@@ -278,7 +261,11 @@ static void drop_table_locked(void) REQUIRES(eventHeld)
             node = next;
         }
     }
+    for (eventBuff_t*& chain : chains) {
+        chain = nullptr;
+    }
     free_slots_locked();
+    event_count = 0;
     sIsEventInit = 0;
 }
 
@@ -315,7 +302,7 @@ static uEventNode_t** link_of(uEventNode_t** link, EVENTPROCESS eventProcess)
 // An event that is not there yet, for its first handler. @return its slot; null if there is no room
 static eventBuff_t* register_event_locked(char* eventName) REQUIRES(eventHeld)
 {
-    const keys_t keys = keys_of(eventName);
+    const name_keys_t keys = keys_of(eventName);
     const int32_t index = uEventRegister(eventName, keys.a, keys.b, static_cast<int32_t>(keys.b));
 
     return index >= 0 ? eventBuffArea_t[index] : nullptr;
@@ -472,11 +459,17 @@ static void call_block(thread_record_t* me, const raise_t* raise, copy_t* copies
     uFree(copies);
 }
 
+static void set_innermost_locked(walk_t* walk) REQUIRES(eventHeld)
+{
+    walks = walk;
+    store_relaxed(&walker, walk != nullptr ? pthread_self() : 0);
+}
+
 // A handler ended its thread in the middle of a walk. Walks around this one are given up after it.
 static void abandon_walk(void* walk) UNCHECKED
 {
     ending_enter();
-    walks = static_cast<walk_t*>(walk)->outer;
+    set_innermost_locked(static_cast<walk_t*>(walk)->outer);
     unlock_registry();
 }
 
@@ -486,7 +479,7 @@ static void walk_handlers_locked(const raise_t* raise, uEventNode_t* head) REQUI
     walk_t walk = {walks, head};
     const uint64_t newest = last_serial;
 
-    walks = &walk;
+    set_innermost_locked(&walk);
     pthread_cleanup_push(abandon_walk, &walk);
     while (walk.next != nullptr && walk.next->serial <= newest) {
         const uEventNode_t* node = walk.next;
@@ -496,7 +489,7 @@ static void walk_handlers_locked(const raise_t* raise, uEventNode_t* head) REQUI
         }
     }
     pthread_cleanup_pop(0);
-    walks = walk.outer;
+    set_innermost_locked(walk.outer);
 }
 
 bool_t uEventRaise(char* eventName, int32_t* eventParam, size_t paramSize)
@@ -508,12 +501,13 @@ bool_t uEventRaise(char* eventName, int32_t* eventParam, size_t paramSize)
     bool known = false;
 
     thread_record_t* me = op_enter();
+    const name_keys_t keys = keys_of(eventName);
     if (has_lock()) {
         lock_table();
-        const int32_t index = uEventSearchHash(eventName);
-        known = index >= 0;
+        const eventBuff_t* slot = find_locked(keys);
+        known = slot != nullptr;
         if (known) {
-            uEventNode_t* head = eventBuffArea_t[index]->head;
+            uEventNode_t* head = slot->head;
             count = copy_handlers_locked(head, few, &copies);
             if (copies == nullptr) {
                 walk_handlers_locked(&raise, head);

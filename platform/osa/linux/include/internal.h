@@ -328,6 +328,12 @@ static inline void own_sem_give(SEM_ID id)
     mutex_give(reinterpret_cast<v2lsem_t*>(id));
 }
 
+/** What a mutual-exclusion semaphore is, for a lock word whose waiters sleep on it. */
+static inline pthread_mutex_t* sem_mutex(SEM_ID id)
+{
+    return &reinterpret_cast<v2lsem_t*>(id)->mutex_lock;
+}
+
 /**
  * Held where we change the environment, and over those short calls of ours in which the C library
  * reads it. Innermost; inside an operation only.
