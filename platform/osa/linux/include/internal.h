@@ -238,14 +238,6 @@ static inline void ending_enter(void)
 int op_wait(thread_record_t* me, pthread_cond_t* cond, pthread_mutex_t* mutex,
             const struct timespec* deadline);
 
-/**
- * Takes a recursive mutex that its holder may keep for long. At the outermost depth the wait is
- * cut into slices, so that a deletion of the caller takes effect.
- *
- * @return true with the mutex held; false, not held, when the caller is to end
- */
-[[nodiscard]] bool op_lock(thread_record_t* me, pthread_mutex_t* mutex);
-
 /** Sleeps for a time on the monotonic clock; returns early only when the caller is to end. */
 void op_sleep_ms(thread_record_t* me, long long ms);
 

@@ -13,14 +13,9 @@
 #include <sys/time.h>
 #include <unistd.h>
 
-#if defined(__SANITIZE_THREAD__)
-#include <sanitizer/tsan_interface.h>
-#endif
-
 static constexpr long NS_PER_S = 1'000'000'000;
 static constexpr long NS_PER_MS = 1'000'000;
 static constexpr long NS_PER_US = 1'000;
-static constexpr long LOCK_SLICE_MS = 5; // a deleted task lets a mutex wait go within this time
 static constexpr unsigned int WAKE_NAP_US = 50; // between two tries to wake a thread
 
 constinit thread_local thread_record_t* self_record = nullptr;
@@ -191,52 +186,6 @@ int op_wait(thread_record_t* me, pthread_cond_t* cond, pthread_mutex_t* mutex,
     }
     TEST_POINT();
     return result;
-}
-
-// Monotonic, for a step of the wall clock must not stretch a slice.
-static int lock_for_a_slice(pthread_mutex_t* mutex)
-{
-    struct timespec end;
-
-    clock_gettime(CLOCK_MONOTONIC, &end);
-    end.tv_nsec += LOCK_SLICE_MS * NS_PER_MS;
-    if (end.tv_nsec >= NS_PER_S) {
-        end.tv_sec++;
-        end.tv_nsec -= NS_PER_S;
-    }
-#if defined(__BIONIC__)
-    return pthread_mutex_timedlock_monotonic_np(mutex, &end);
-#elif defined(__SANITIZE_THREAD__)
-    // The sanitizer does not intercept this call and is told instead.
-    __tsan_mutex_pre_lock(mutex, __tsan_mutex_try_lock);
-    const int result = pthread_mutex_clocklock(mutex, CLOCK_MONOTONIC, &end);
-    __tsan_mutex_post_lock(
-        mutex, __tsan_mutex_try_lock | (result != 0 ? __tsan_mutex_try_lock_failed : 0), 0);
-    return result;
-#else
-    return pthread_mutex_clocklock(mutex, CLOCK_MONOTONIC, &end);
-#endif
-}
-
-bool op_lock(thread_record_t* me, pthread_mutex_t* mutex)
-{
-    if (me->depth > 1) {
-        // Inside another operation, which counts on the lock and holds it for a moment only.
-        pthread_mutex_lock(mutex);
-        return true;
-    }
-    int result = pthread_mutex_trylock(mutex);
-    while ((result == EBUSY || result == ETIMEDOUT) && !end_asked(me)) {
-        TEST_POINT();
-        result = lock_for_a_slice(mutex);
-    }
-    if (!end_asked(me)) {
-        return true; // taken, or the holder took it as often as the C library can count
-    }
-    if (result == 0) {
-        pthread_mutex_unlock(mutex);
-    }
-    return false;
 }
 
 void op_sleep_ms(thread_record_t* me, long long ms)
