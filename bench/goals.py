@@ -85,6 +85,11 @@ SECTIONS = {
     ],
 }
 
+GROWTH = {  # the pictures that show what grows with what is alive, and their rows
+    "timers": ("timer.arm", "timer.pass", "timer.fire"),
+    "tasks": ("task.lock", "task.verify", "task.delete"),
+}
+
 RSS_KIB = 3 * 1024
 CPU_RATIO = 1.2
 START_MS = 5.0

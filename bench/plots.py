@@ -1,4 +1,4 @@
-"""Draws a result: the goals, everybody's figures side by side, and the growth of the timers."""
+"""Draws a result: the goals, everybody's figures side by side, and what grows with what is alive."""
 
 import os
 
@@ -113,37 +113,47 @@ def plot_contestants(results, directory):
     return save(figure, directory, "contestants.png")
 
 
-def plot_growth(results, directory):
-    """Cost over the number of live timers."""
-    panels = [("timer.arm", "add one and delete it"), ("timer.pass", "a pass with nothing due"),
-              ("timer.fire", "one firing, of a hundred due")]
-    panels = [panel for panel in panels if len(results.sizes(panel[0])) > 1]
+def draw_growth(axes, results, row):
+    for who in results.contestants(row.key):
+        points = [(size, results.median(results.name(row.key, who, size)))
+                  for size in results.sizes(row.key)]
+        points = [point for point in points if point[1] is not None]
+        marker, colour = style(who)
+        axes.plot(*zip(*points), marker=marker, color=colour, label=who,
+                  linewidth=2.4 if who == "hnetd" else 1.3, markersize=6)
+    axes.set_xscale("log")
+    axes.set_yscale("log")
+    axes.set_title(row.title, fontsize=10)
+    axes.set_xlabel(row.sizes)
+    axes.xaxis.set_major_formatter(FuncFormatter(lambda x, _: f"{x:,.0f}"))
+    axes.xaxis.set_minor_formatter(NullFormatter())
+    axes.yaxis.set_major_formatter(FuncFormatter(lambda y, _: table.duration(y)))
+    low, high = axes.get_ylim()
+    axes.set_ylim(low / 2, high * 2)  # a flat line looks flat
+    axes.yaxis.set_minor_formatter(NullFormatter())
+    axes.grid(color=GRID)
+
+
+def plot_growth(results, directory, name):
+    """Cost over the number alive, for the rows of one picture."""
+    rows = {row.key: row for section in goals.SECTIONS.values() for row in section}
+    panels = [rows[key] for key in goals.GROWTH[name] if len(results.sizes(key)) > 1]
     if not panels:
         return None
-    figure, all_axes = plt.subplots(1, len(panels), figsize=(5 * len(panels), 4.6), squeeze=False)
-    for axes, (row, title) in zip(all_axes[0], panels):
-        for who in results.contestants(row):
-            points = [(size, results.median(results.name(row, who, size)))
-                      for size in results.sizes(row)]
-            points = [point for point in points if point[1] is not None]
-            marker, colour = style(who)
-            axes.plot(*zip(*points), marker=marker, color=colour, label=who,
-                      linewidth=2.4 if who == "hnetd" else 1.3, markersize=6)
-        axes.set_xscale("log")
-        axes.set_yscale("log")
-        axes.set_title(title)
-        axes.set_xlabel("timers alive")
-        axes.xaxis.set_major_formatter(FuncFormatter(lambda x, _: f"{x:,.0f}"))
-        axes.yaxis.set_major_formatter(FuncFormatter(lambda y, _: table.duration(y)))
-        axes.grid(color=GRID)
-    all_axes[0][-1].legend(loc="center left", bbox_to_anchor=(1.02, 0.5), frameon=False)
-    figure.suptitle("Software timers, from 30 to 30,000 alive")
+    figure, all_axes = plt.subplots(1, len(panels), figsize=(4.4 * len(panels), 4), squeeze=False)
+    legend = {}
+    for axes, row in zip(all_axes[0], panels):
+        draw_growth(axes, results, row)
+        for line, who in zip(*axes.get_legend_handles_labels()):
+            legend.setdefault(who, line)
+    figure.legend(legend.values(), legend.keys(), loc="upper center", ncol=6, frameon=False,
+                  bbox_to_anchor=(0.5, 0.02))
     figure.tight_layout()
-    return save(figure, directory, "timers-growth.png")
+    return save(figure, directory, f"growth-{name}.png")
 
 
 def plot_all(result, verdicts, directory, busy_machine=False):
     results = table.Results(result, busy_machine)
-    made = [plot_goals(verdicts, directory), plot_contestants(results, directory),
-            plot_growth(results, directory)]
+    made = [plot_goals(verdicts, directory), plot_contestants(results, directory)]
+    made += [plot_growth(results, directory, name) for name in goals.GROWTH]
     return [path for path in made if path is not None]

@@ -11,6 +11,7 @@ usage: run.py <build directory> [--busy] [--record <file>] [--repetitions <n>] [
 import argparse
 import json
 import os
+import shutil
 import sys
 
 import measure
@@ -51,10 +52,13 @@ def main():
     print(text)
     with open(os.path.join(arguments.build, "table.txt"), "w", encoding="utf-8") as out:
         out.write(text)
-    for path in plots.plot_all(result, verdicts, arguments.build, arguments.busy):
+    pictures = plots.plot_all(result, verdicts, arguments.build, arguments.busy)
+    for path in pictures:
         print(f"drawn: {path}")
     if arguments.record:
         record(arguments.record, text)
+        for path in pictures:  # the document shows them
+            shutil.copy(path, os.path.dirname(arguments.record))
     return 1 if result["errors"] else 0
 
 
