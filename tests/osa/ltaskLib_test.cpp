@@ -80,16 +80,14 @@ class TaskTest : public testing::Test {
 };
 
 static std::array<int, 10> got;
-static std::atomic<bool> got_all;
 static char thread_name[16];
-static const char* own_name;
+static std::atomic<const char*> own_name;
 
 static int ten_ints(int a, int b, int c, int d, int e, int f, int g, int h, int i, int j)
 {
     got = {a, b, c, d, e, f, g, h, i, j};
     prctl(PR_GET_NAME, thread_name);
-    own_name = taskIdVerify(0) == OK ? taskName(0) : nullptr;
-    got_all = true;
+    own_name = taskIdVerify(0) == OK ? taskName(0) : "no task";
     return wait_forever();
 }
 static const FUNCPTR TEN_INTS = reinterpret_cast<FUNCPTR>(ten_ints);
@@ -100,8 +98,8 @@ TEST_F(TaskTest, SpawnedTaskIsNamedListedAndGivenItsArguments)
     char full[] = "tLowPriWithALongName";
     char part[] = "tLowPriWithALongNam";
     char empty[] = "";
-    int priority = 0;
     char spawners[16];
+    int priority = 0;
     prctl(PR_GET_NAME, spawners);
     const auto look = [&] {
         char own[16];
@@ -113,7 +111,7 @@ TEST_F(TaskTest, SpawnedTaskIsNamedListedAndGivenItsArguments)
     const taskId_t id = spawn_entry(name, TEN_INTS);
     const taskId_t twin = spawn(wait_forever, full);
     memset(name, 'x', 4); // the task has a copy
-    ASSERT_TRUE(eventually([] { return got_all.load(); }));
+    ASSERT_TRUE(eventually([] { return own_name != nullptr; }));
     EXPECT_EQ(got, (std::array{1, 2, 3, 4, 5, 6, 7, 8, 9, 10}));
     EXPECT_STREQ(thread_name, "tLowPriWithALon");
     EXPECT_STREQ(taskName(id), full);
@@ -173,14 +171,8 @@ TEST_F(TaskTest, FailedSpawnsLeaveNothing)
 
 TEST_F(TaskTest, DelaySleepsItsWholeLengthHoweverLongAndOftenInterrupted)
 {
-    errno = 77;
-    EXPECT_EQ(taskDelay(-1), ERROR);
-    EXPECT_EQ(errno, 77);
+    EXPECT_EQ(code_of([] { return taskDelay(-1); }), 0);
     EXPECT_EQ(taskDelay(0), OK);
-    const int64_t before = now_ns();
-    EXPECT_EQ(taskDelay(3), OK);
-    EXPECT_GE(now_ns() - before, 30 * 1000000LL);
-
     for (const int ms : {1, 10}) { // per tick
         sysClkRateSet(1000 / ms);
         for (const int ticks : {99, 999, 214749, INT32_MAX}) {
@@ -196,9 +188,8 @@ TEST_F(TaskTest, DelaySleepsItsWholeLengthHoweverLongAndOftenInterrupted)
     }
 }
 
-// Of three waiters the first is deleted, which leaves the lock its holder's. The second is told to
-// end without being woken: if it is the one that hears of the release, it does not take the lock.
-TEST_F(TaskTest, TheTaskLockNestsAndGoesToAWaiterThatLives)
+// A waiter is deleted meanwhile, which leaves the lock its holder's.
+TEST_F(TaskTest, TheTaskLockNestsAndGoesToTheNextHoweverItsHolderLetsGo)
 {
     EXPECT_EQ(taskUnlock(), OK); // not held: nothing
     stdout_capture quiet;
@@ -221,14 +212,11 @@ TEST_F(TaskTest, TheTaskLockNestsAndGoesToAWaiterThatLives)
         usleep(2000);
         EXPECT_EQ(taskDelete(deleted), OK);
         EXPECT_TRUE(eventually([=] { return thread_count() == threads; }));
-        const taskId_t told = spawn([] { taskLock(); });
-        usleep(5000); // so that it waits before the next one
         spawn([&] {
             taskUnlock(); // not its own
             taken = taskPriorityGet(0, nullptr) == OK;
         });
-        usleep(5000);
-        pthread_kill(told, SIGUSR1);
+        usleep(2000);
         leave = true;
         EXPECT_TRUE(eventually([&] { return taken.load(); }));
         EXPECT_TRUE(eventually([this] { return thread_count() == threads_before; }));
@@ -240,22 +228,18 @@ TEST_F(TaskTest, TheTaskLockNestsAndGoesToAWaiterThatLives)
 static std::string priorities_under_lock()
 {
     std::string seen;
-    const sched_param low = {.sched_priority = 2};
-    const auto look = [&](int (*operation)()) {
-        sched_param param;
-        int policy = 0;
-        operation();
-        pthread_getschedparam(pthread_self(), &policy, &param);
-        seen += policy == SCHED_RR ? std::to_string(param.sched_priority) + " " : "other ";
-    };
-    if (pthread_setschedparam(pthread_self(), SCHED_RR, &low) != 0) {
+    int (*const operations[])() = {taskLock, nullptr, taskLock, taskUnlock, taskUnlock};
+    sched_param param = {.sched_priority = 2};
+    int policy = 0;
+    if (pthread_setschedparam(pthread_self(), SCHED_RR, &param) != 0) {
         return "";
     }
-    look(taskLock);
-    pthread_setschedparam(pthread_self(), SCHED_RR, &low);
-    look(taskLock);
-    look(taskUnlock);
-    look(taskUnlock);
+    for (const auto operation : operations) {
+        param.sched_priority = 2;
+        operation != nullptr ? operation() : pthread_setschedparam(pthread_self(), policy, &param);
+        pthread_getschedparam(pthread_self(), &policy, &param);
+        seen += policy == SCHED_RR ? std::to_string(param.sched_priority) + " " : "other ";
+    }
     return seen;
 }
 
@@ -273,8 +257,8 @@ TEST_F(TaskTest, ATaskThatHoldsTheTaskLockHasTheHighestPriorityOfItsPolicy)
     if (thread.empty()) {
         GTEST_SKIP() << "no right to a real-time policy";
     }
-    EXPECT_EQ(task, "99 99 99 3 ");
-    EXPECT_EQ(thread, "2 2 2 2 ");
+    EXPECT_EQ(task, "99 2 99 99 3 ");
+    EXPECT_EQ(thread, "2 2 2 2 2 ");
 }
 
 TEST_F(TaskTest, AMutexThatADeletedTaskGetsInItsLastMomentIsGivenBack)
@@ -292,32 +276,9 @@ TEST_F(TaskTest, AMutexThatADeletedTaskGetsInItsLastMomentIsGivenBack)
     semDelete(mutex);
 }
 
-TEST_F(TaskTest, DeletedTaskSaysSoOnceAndLetsTheTaskLockGo)
+TEST_F(TaskTest, OneThatIsEndedSaysSoOnceTaskOrNotAndOneThatEndsItselfDoesNot)
 {
-    stdout_capture out;
-    probe p;
-    sigset_t mask;
     EXPECT_EQ(code_of([] { return taskDelete(0); }), 0);
-    signal(SIGUSR1, SIG_IGN); // every task brings the handler again, and lets the signal in,
-    pthread_sigmask(SIG_BLOCK, &EXIT_SIGNAL, nullptr); // which changes nothing for its spawner
-    const taskId_t id = spawn([&] {
-        taskLock();
-        taskLock();
-        for (probe_attach(&p);;) {
-            taskIdVerify(0);
-        }
-    });
-    pthread_sigmask(SIG_UNBLOCK, &EXIT_SIGNAL, &mask);
-    EXPECT_EQ(sigismember(&mask, SIGUSR1), 1);
-    ASSERT_TRUE(eventually([&] { return p.running.load(); }));
-    EXPECT_EQ(taskDelete(id), OK);
-    EXPECT_EQ(code_of([=] { return taskDelete(id); }), S_objLib_OBJ_ID_ERROR); // nobody by now
-    ASSERT_TRUE(eventually([&] { return p.ended.load(); }));
-    EXPECT_EQ(out.text(), DELETED);
-}
-
-TEST_F(TaskTest, OneEndsSilentlyByItsOwnHandAndNotByASignalFromOutsideTaskOrNot)
-{
     stdout_capture out;
     std::atomic<bool> returned{false};
     const auto delete_self = [&] {
@@ -331,16 +292,31 @@ TEST_F(TaskTest, OneEndsSilentlyByItsOwnHandAndNotByASignalFromOutsideTaskOrNot)
     EXPECT_FALSE(returned);
     EXPECT_EQ(out.text(), "");
 
-    probe p;
+    probe p[2];
+    sigset_t mask;
+    signal(SIGUSR1, SIG_IGN); // every task brings the handler again, and lets the signal in,
+    pthread_sigmask(SIG_BLOCK, &EXIT_SIGNAL, nullptr); // which changes nothing for its spawner
+    const taskId_t id = spawn([&] {
+        taskLock();
+        taskLock();
+        for (probe_attach(&p[0]);;) {
+            taskIdVerify(0);
+        }
+    });
+    pthread_sigmask(SIG_UNBLOCK, &EXIT_SIGNAL, &mask);
+    EXPECT_EQ(sigismember(&mask, SIGUSR1), 1);
     std::thread thread([&] {
-        for (probe_attach(&p);;) {
+        for (probe_attach(&p[1]);;) {
             usleep(1000); // a sanitizer may hold the signal back until the next call
         }
     });
-    ASSERT_TRUE(eventually([&] { return p.running.load(); }));
+    ASSERT_TRUE(eventually([&] { return p[0].running && p[1].running; }));
+    EXPECT_EQ(taskDelete(id), OK);
+    EXPECT_EQ(code_of([=] { return taskDelete(id); }), S_objLib_OBJ_ID_ERROR); // nobody by now
     pthread_kill(thread.native_handle(), SIGUSR1);
     thread.join();
-    EXPECT_EQ(out.text(), DELETED);
+    ASSERT_TRUE(eventually([&] { return p[0].ended.load(); }));
+    EXPECT_EQ(out.text(), std::string(DELETED) + DELETED);
 }
 
 static std::atomic<int> locked_in_handler;

@@ -371,6 +371,9 @@ TEST_F(WatchdogTest, ARestartRunsItsTaskOnceMoreAndOutlivesItsThread)
         fail_thread(c.no_thread);
         process_wdog();
         fail_nothing();
+        EXPECT_TRUE(eventually(at_rest));
+        int left[2]; // without a new thread a task goes on as it was
+        EXPECT_EQ(taskIdListGet(left, 2), staying != 0 ? 4 - c.total : 0);
         leave = true;
         EXPECT_TRUE(eventually([=] { return thread_count() == threads; }));
         EXPECT_EQ(runs[0] + runs[1], c.total);
