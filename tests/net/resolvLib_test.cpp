@@ -1,5 +1,7 @@
 #include "dns_double.h"
 #include "fail.h"
+#include "hostLib.h"
+#include "internal.h"
 #include "look_up.h"
 #include "task_probe.h"
 
@@ -16,17 +18,18 @@
 
 using std::string;
 
-static string looked_up;    // calls of gethostbyname, "a|b|"
-static in_addr named = {0}; // what it finds; 0: nothing
+static string looked_up;   // calls of gethostbyname, "a|b|"
+static in_addr named = {}; // what it finds
+static char* addresses_found[] = {reinterpret_cast<char*>(&named), nullptr};
+static hostent host_found = {};
 
+// Finds a host of any name but "gone", with an address or without.
 extern "C" hostent* __wrap_gethostbyname(const char* name)
 {
-    static char* addrs[] = {reinterpret_cast<char*>(&named), nullptr};
-    static hostent found = {};
-
+    EXPECT_GT(self_record->depth, 0); // nobody ends while the C library holds a lock over it
     looked_up += string(name) + '|';
-    found.h_addr_list = addrs;
-    return named.s_addr != 0 ? &found : nullptr;
+    host_found.h_addr_list = addresses_found + (named.s_addr == 0 ? 1 : 0);
+    return looked_up.ends_with("gone|") ? nullptr : &host_found;
 }
 
 static std::atomic<int> zone_changes;
@@ -408,22 +411,27 @@ TEST_F(ResolverTest, ThreadsDoNotMeet)
     }
 }
 
+// By either of its names, the second of which is the host table's hook.
 TEST_F(ResolverTest, GetHostByNameBehindTheLiterals)
 {
-    char literal[] = "10.1.2.3";
-    char broadcast[] = "255.255.255.255"; // what the parser cannot tell from a failure
-    char host[] = "host";
-
-    looked_up.clear();
-    named.s_addr = 0;
-    EXPECT_EQ(osaGetIpFromName(nullptr), 0xffffffffU);
+    hostTblInit();
+    for (const FUNCPTR by_name :
+         {reinterpret_cast<FUNCPTR>(osaGetIpFromName), _presolvHostLibGetByName}) {
+        const auto address_of = [by_name](const char* name) {
+            return reinterpret_cast<in_addr_t (*)(const char*)>(by_name)(name);
+        };
+        looked_up.clear();
+        EXPECT_EQ(address_of(nullptr), INADDR_NONE);
+        EXPECT_EQ(address_of("10.1.2.3"), inet_addr("10.1.2.3"));
+        EXPECT_EQ(looked_up, "");
+        named.s_addr = inet_addr("10.9.8.7");
+        EXPECT_EQ(address_of("gone"), INADDR_NONE);
+        EXPECT_EQ(address_of("host"), inet_addr("10.9.8.7"));
+        named.s_addr = 0;
+        EXPECT_EQ(address_of("empty"), INADDR_NONE);
+        // What the parser cannot tell from a failure.
+        EXPECT_EQ(address_of("255.255.255.255"), INADDR_NONE);
+        EXPECT_EQ(looked_up, "gone|host|empty|255.255.255.255|");
+    }
     EXPECT_EQ(resolv(nullptr, nullptr, 0), nullptr);
-    EXPECT_EQ(osaGetIpFromName(literal), inet_addr("10.1.2.3"));
-    EXPECT_EQ(looked_up, "");
-    EXPECT_EQ(osaGetIpFromName(host), 0xffffffffU);
-    EXPECT_EQ(osaGetIpFromName(broadcast), 0xffffffffU);
-    EXPECT_EQ(resolv(host, nullptr, 1), nullptr);
-    named.s_addr = inet_addr("10.9.8.7");
-    EXPECT_EQ(osaGetIpFromName(host), inet_addr("10.9.8.7"));
-    EXPECT_EQ(looked_up, "host|255.255.255.255|host|host|");
 }

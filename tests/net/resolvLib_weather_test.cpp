@@ -8,8 +8,6 @@
 #include <fcntl.h>
 #include <sys/resource.h>
 
-static char own_conf[] = "/tmp/resolvXXXXXX";
-
 // Another text each time, so that the C library reads it again. It has options, or a change of the
 // file alone would do nothing.
 static void change_configuration(int round)
@@ -33,44 +31,28 @@ static void find_nothing()
     EXPECT_EQ(osaGetIpFromName(const_cast<char*>(NAME)), INADDR_NONE);
 }
 
-class LookUpWeather : public testing::Test {
-  protected:
-    static void SetUpTestSuite()
-    {
-        close(mkstemp(own_conf));
-        isolated = own_mounts(CLONE_NEWNET) &&
-                   mount(own_conf, "/etc/resolv.conf", nullptr, MS_BIND, nullptr) == 0;
-        unlink(own_conf);
-        hostTblInit();
-    }
-    void SetUp() override
-    {
-        if (!isolated) {
-            GTEST_SKIP() << "no namespaces here, or no /etc/resolv.conf to put another over";
-        }
-        change_configuration(0);
-        find_nothing();
-    }
-    static inline bool isolated = false;
-};
-
-TEST_F(LookUpWeather, WithoutDescriptorsNothingIsFound)
+TEST(LookUpWeather, WithoutDescriptorsOrMemoryInsideTheCLibraryNothingIsFound)
 {
+    char own_conf[] = "/tmp/resolvXXXXXX";
+    close(mkstemp(own_conf));
+    const bool isolated = own_mounts(CLONE_NEWNET) &&
+                          mount(own_conf, "/etc/resolv.conf", nullptr, MS_BIND, nullptr) == 0;
+    unlink(own_conf);
+    if (!isolated) {
+        GTEST_SKIP() << "no namespaces here, or no /etc/resolv.conf to put another over";
+    }
     rlimit all;
     getrlimit(RLIMIT_NOFILE, &all);
+    hostTblInit();
+    change_configuration(0);
+    find_nothing();
     for (const rlim_t count : {0, 3, 4, 5}) {
         const rlimit few = {count, all.rlim_max};
         change_configuration(static_cast<int>(count) + 1);
         setrlimit(RLIMIT_NOFILE, &few);
         find_nothing();
-        find_nothing();
         setrlimit(RLIMIT_NOFILE, &all);
     }
-    find_nothing();
-}
-
-TEST_F(LookUpWeather, WithoutMemoryInsideTheCLibraryNothingIsFound)
-{
     for (const bool and_after : {false, true}) {
         bool hit = true;
         for (int n = 1; hit; n++) {

@@ -117,17 +117,9 @@ TEST(TextTest, ConvertsAsThePlatformParses)
     EXPECT_EQ(sockGetIpVer(nullptr), IPVER_UNSPEC);
 }
 
-TEST(TextTest, Ipv4TextMatchesThePlatformsAndIsCut)
+TEST(TextTest, Ipv4TextIsCut)
 {
-    sockIpAddr_t addr = {};
-    addr.ver = IPVER_IPV4;
-    for (unsigned i = 0; i < 256; i++) {
-        char expected[INET_ADDRSTRLEN];
-        addr.addr.ip.v4 = i * 0x01010101U;
-        inet_ntop(AF_INET, &addr.addr, expected, sizeof expected);
-        ASSERT_EQ(text_of(&addr), expected);
-    }
-    addr = address("192.168.100.200");
+    sockIpAddr_t addr = address("192.168.100.200");
     for (size_t size = 1; size <= 17; size++) {
         std::vector<char> buf(size);
         EXPECT_EQ(sockIpAddrNtop(&addr, buf.data(), size), SEC_OK);
