@@ -22,7 +22,8 @@
 static std::function<bool(const std::string& command)> hook; // true: done
 static std::atomic<int> commands{0};
 static std::atomic<int> overlapping{0};
-static std::string status_text; // what fopen gives for a thread's status file; "-": a failure
+static std::string status_text; // what fopen gives for such a status file; "-": a failure
+static const char* status_of = "/task/";
 static const char* closed_directory = nullptr;
 static bool lists_nobody = false;
 static bool reads_fail = false;
@@ -67,7 +68,7 @@ extern "C" ssize_t __wrap_read(int file, void* bytes, size_t size)
 
 extern "C" FILE* __wrap_fopen(const char* path, const char* mode)
 {
-    if (status_text.empty() || strstr(path, "/task/") == nullptr) {
+    if (status_text.empty() || strstr(path, status_of) == nullptr) {
         return __real_fopen(path, mode);
     }
     return status_text == "-" ? nullptr : fmemopen(status_text.data(), status_text.size(), "r");
@@ -248,6 +249,7 @@ TEST_F(InspectionTest, NeitherFollowsNorTrustsWhatOthersPlanted)
         expect_search(probe.pid, 01777, [=] { link(), give_away(); });
         expect_search(probe.pid, 01777, [=] { file(), give_away(); });
         expect_search(-1, 01777, [=] { mkdir(name, 0700); });
+        expect_search(-1, 01777, [=] { file(), chmod(name, 0666), setuid(4321); });
         expect_search(-1, 01777, [=] { swap_after_cat(link); });
         expect_search(-1, 01777, [=] { swap_after_cat([=] { mkfifo(name, 0600); }); });
         expect_search(-1, 01777, [=] {
@@ -343,6 +345,10 @@ TEST_F(InspectionTest, StatusFilesAreReadByTheirKeys)
         expect_check("", &thread, c.well ? 0 : getpid(), c.printed);
     }
     expect_check("", nullptr, 0, "");
+    status_of = "/status"; // the process's is looked at first
+    expect_check("", &thread, 0, "file=/proc/" + id + "/status open failed!\n");
+    status_text = "Umask:\t0022\n";
+    expect_check("", &thread, 0, "file read error!\n");
     status_text.clear();
     lists_nobody = true; // a listing may miss any thread
     expect_check("", &thread, 0, "");
