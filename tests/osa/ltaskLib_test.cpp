@@ -246,14 +246,16 @@ static std::string priorities_under_lock()
 TEST_F(TaskTest, ATaskThatHoldsTheTaskLockHasTheHighestPriorityOfItsPolicy)
 {
     std::string task, thread;
+    std::atomic<bool> seen{false};
     spawn([&] {
         pthread_mutex_lock(&task_list_lock);
         task_for(0)->prv_priority.sched_priority = 3; // a real-time task's own
         pthread_mutex_unlock(&task_list_lock);
         task = priorities_under_lock();
+        seen = true;
     });
     std::thread([&] { thread = priorities_under_lock(); }).join();
-    EXPECT_TRUE(eventually([this] { return thread_count() == threads_before; }));
+    ASSERT_TRUE(eventually([&] { return seen.load(); }));
     if (thread.empty()) {
         GTEST_SKIP() << "no right to a real-time policy";
     }
@@ -319,12 +321,11 @@ TEST_F(TaskTest, OneThatIsEndedSaysSoOnceTaskOrNotAndOneThatEndsItselfDoesNot)
     EXPECT_EQ(out.text(), std::string(DELETED) + DELETED);
 }
 
-static std::atomic<int> locked_in_handler;
+static std::atomic<int> taken_in_handler;
 
-static void lock_tasks(void*)
+static void take_in_handler(void* token)
 {
-    locked_in_handler = taskLock();
-    taskUnlock();
+    taken_in_handler = semTake(static_cast<SEM_ID>(token), WAIT_FOREVER);
 }
 
 // While a task blocks the signal, operations it calls neither end it nor give up. Handlers that it
@@ -334,12 +335,13 @@ TEST_F(TaskTest, ABlockedSignalHoldsTheEndOffAndHandlersMayWait)
     stdout_capture quiet;
     for (const bool blocks : {true, false}) {
         SEM_ID token = semBCreate(0, SEM_EMPTY);
+        SEM_ID last = semBCreate(0, SEM_EMPTY);
         std::atomic<bool> deleted{false};
         std::atomic<int> taken{77};
         probe p;
-        locked_in_handler = 77;
+        taken_in_handler = 77;
         const taskId_t id = spawn([&] {
-            pthread_cleanup_push(lock_tasks, nullptr);
+            pthread_cleanup_push(take_in_handler, last);
             pthread_sigmask(blocks ? SIG_BLOCK : SIG_UNBLOCK, &EXIT_SIGNAL, nullptr);
             probe_attach(&p);
             while (blocks && !deleted) {
@@ -351,7 +353,6 @@ TEST_F(TaskTest, ABlockedSignalHoldsTheEndOffAndHandlersMayWait)
             pthread_cleanup_pop(0);
         });
         ASSERT_TRUE(eventually([&] { return p.running.load(); }));
-        taskLock();
         usleep(2000); // it waits for the token
         EXPECT_EQ(taskDelete(id), OK);
         deleted = true;
@@ -360,13 +361,14 @@ TEST_F(TaskTest, ABlockedSignalHoldsTheEndOffAndHandlersMayWait)
         semGive(token);
         EXPECT_TRUE(eventually([&] { return taken == OK || !blocks; }));
         usleep(5000);
-        pthread_kill(id, SIGUSR1); // it waits for the task lock
-        EXPECT_EQ(locked_in_handler, 77);
-        taskUnlock();
+        pthread_kill(id, SIGUSR1); // it waits for the last one
+        EXPECT_EQ(taken_in_handler, 77);
+        semGive(last);
         EXPECT_TRUE(eventually([&] { return p.ended.load(); }));
-        EXPECT_EQ(locked_in_handler, OK);
+        EXPECT_EQ(taken_in_handler, OK);
         EXPECT_EQ(taken, blocks ? OK : 77);
         semDelete(token);
+        semDelete(last);
     }
 }
 

@@ -300,17 +300,17 @@ struct restart_case {
     int no_thread;  // the nth restart gets none
     int total;      // runs of both
 };
-static const restart_case* tried;
+static std::atomic<const restart_case*> tried;
 static std::atomic<int> runs[2];
 
 static int ask_and_end(int which, int, int, int, int, int, int, int, int, int)
 {
     const bool first = runs[which] == 0;
-    for (int i = 0; first && i < tried->asked; i++) {
+    for (int i = 0; first && i < tried.load()->asked; i++) {
         restart();
     }
     runs[which]++;
-    first ? tried->rest() : exit_thread();
+    first ? tried.load()->rest() : exit_thread();
     return 0;
 }
 
