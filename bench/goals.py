@@ -27,10 +27,16 @@ SECTIONS = {
     ],
     "Message queues": [
         Row("queue.16", "send and receive 16 bytes, one thread",
-            {"floor": 1.1, "pipe": 0.2, "POSIX mq": 0.2}),
+            {"textbook": 0.7, "pipe": 0.2, "POSIX mq": 0.2}),
         Row("queue.1024", "send and receive 1024 bytes, one thread",
-            {"floor": 1.1, "pipe": 0.2, "POSIX mq": 0.2, "queue.16/hnetd": 1.3}),
+            {"textbook": 0.9, "pipe": 0.2, "POSIX mq": 0.2}),
+        Row("queue.many", "16 bytes through one of many", {"/1": 1.2}, "queues"),
+        Row("queue.create", "create one more", {"/1": 2.0}, "queues"),
         Row("queue.handover", "16 bytes to another thread and back, one CPU", {"pipe": 1.1}),
+        Row("queue.receivers", "16 bytes to one of many that wait, and back, one CPU",
+            {"/1": 2.0, "textbook": 1.1}, "waiting"),
+        Row("queue.senders", "16 bytes from one of many that wait for space, one CPU",
+            {"/1": 2.0, "textbook": 1.1}, "waiting"),
     ],
     "Software timers": [
         Row("timer.arm", "add one and delete it", {"floor": 1.0}, "alive", (300,)),

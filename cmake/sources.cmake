@@ -27,6 +27,7 @@ set(HNETD_SOURCES
   platform/osa/linux/src/lutils.cpp
   platform/osa/linux/src/lwdLib.cpp
   platform/osa/linux/src/main_impl.cpp
+  platform/osa/linux/src/queueRegistry.cpp
   platform/osa/linux/src/sntpcLib.cpp
   platform/osa/linux/src/socketLib.cpp
   platform/osa/linux/src/v2ldebug.cpp

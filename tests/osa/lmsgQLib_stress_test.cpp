@@ -1,6 +1,6 @@
 // Queues under load: nothing lost, reordered or torn between many senders and receivers; queues
 // that die under their users; users that die under their queues.
-#include "internal.h"
+#include "lockWord.h"
 #include "osaMsg.h"
 #include "osaTask.h"
 #include "task_probe.h"
@@ -28,14 +28,23 @@ class MsgQStress : public testing::Test {
     ~MsgQStress() override { sysClkRateSet(100); }
 };
 
+static int use(MSG_Q_ID id, bool send, int wait)
+{
+    char message[8] = {};
+    return send ? msgQSend(id, message, 8, wait, 0) : msgQReceive(id, message, 8, wait);
+}
+
+// Nobody waits, and every call that was noted was posted.
 static void expect_at_rest(MSG_Q_ID id)
 {
     v2pt_mqueue_t* queue = reinterpret_cast<v2pt_mqueue_t*>(id);
-    pthread_mutex_lock(&queue->queue_lock);
+    lock_word_take(&queue->guard, &queue->queue_lock);
     EXPECT_EQ(queue->waitTasks, 0);
-    EXPECT_EQ(queue->senders_waiting, 0);
-    EXPECT_EQ(queue->receivers_waiting, 0);
-    pthread_mutex_unlock(&queue->queue_lock);
+    for (const queue_waiters_t& end : {queue->senders, queue->receivers}) {
+        EXPECT_EQ(end.waiting, 0);
+        EXPECT_EQ(end.called, end.calls);
+    }
+    lock_word_give(&queue->guard, &queue->queue_lock);
 }
 
 /** Its sender, its place in the sender's order, and the sender all over: slots are not aligned. */
@@ -120,13 +129,9 @@ TEST_F(MsgQStress, QueuesDieUnderTheirUsers)
         });
     }
     for (int i = 0; i < 4; i++) {
-        users.emplace_back([&, i](const std::stop_token& stop) {
-            char buffer[8];
-            while (!stop.stop_requested()) {
-                const int wait = i % 2 == 0 ? WAIT_FOREVER : 1;
-                if (i >= 2) {
-                    msgQReceive(current, buffer, 8, wait);
-                } else if (msgQSend(current, nullptr, 8, wait, i) != OK) {
+        users.emplace_back([&, i] {
+            while (deletions < 800 / SHARE || current != nullptr) {
+                if (use(current, i < 2, i % 2 == 0 ? WAIT_FOREVER : 1) < 0) {
                     sched_yield(); // it may be a while until the next queue
                 }
                 EXPECT_LE(msgQNumMsgs(current), 2);
@@ -134,75 +139,57 @@ TEST_F(MsgQStress, QueuesDieUnderTheirUsers)
         });
     }
     deleters.clear();
-    for (std::jthread& user : users) {
-        user.request_stop();
-    }
-    const MSG_Q_ID last = current;
+    const MSG_Q_ID last = current.exchange(nullptr);
     EXPECT_EQ(msgQDelete(last), OK);
     users.clear();
     expect_at_rest(last);
 }
 
-TEST_F(MsgQStress, UsersDieAndTheQueueGoesOn)
+// Tasks die while they wait, poll, or have just been called, and two threads wait beside them: what
+// comes then is theirs, and what comes after the deletion in any case.
+TEST_F(MsgQStress, UsersDieAndOthersGoOn)
 {
     const stdout_capture console; // of what the tasks say as they end
-    const int threads = threads_at_rest();
-    for (int round = 0; round < 400 / SHARE; round++) {
-        char buffer[8] = {};
-        const MSG_Q_ID id = msgQCreate(1 + round % 3, 8, 0);
-        std::vector<taskId_t> tasks;
-        for (int i = 0; i < 4; i++) {
-            tasks.push_back(spawn([=] {
-                char own[8];
-                for (;;) {
-                    i % 2 == 0 ? msgQSend(id, own, 8, WAIT_FOREVER, i / 2)
-                               : msgQReceive(id, own, 8, i == 1 ? WAIT_FOREVER : 1);
+    for (const bool sends : {false, true}) {
+        const MSG_Q_ID id = msgQCreate(1, 8, 0);
+        const int* waiting = &reinterpret_cast<v2pt_mqueue_t*>(id)->waitTasks;
+        const int at_rest = sends ? 1 : 0;
+        std::atomic<int> theirs{0};
+        std::vector<std::jthread> others;
+        for (int i = 0; i < 2; i++) {
+            others.emplace_back([=, &theirs] {
+                for (; use(id, sends, WAIT_FOREVER) >= 0; theirs++) {
                 }
-            }));
+            });
         }
-        usleep(static_cast<useconds_t>(round % 40 * 25));
-        for (const taskId_t task : tasks) {
-            EXPECT_EQ(taskDelete(task), OK);
-        }
-        EXPECT_TRUE(eventually([=] { return thread_count() == threads; }));
-        expect_at_rest(id);
-        while (msgQReceive(id, buffer, 8, NO_WAIT) >= 0) {
-        }
-        EXPECT_EQ(errno, S_objLib_OBJ_UNAVAILABLE);
-        EXPECT_EQ(msgQSend(id, buffer, 8, NO_WAIT, 0), OK);
-        EXPECT_EQ(msgQReceive(id, buffer, 8, NO_WAIT), 8);
-        EXPECT_EQ(msgQDelete(id), OK);
-    }
-}
-
-// A task that was deleted takes nothing of what came later: no message, and no slot.
-TEST_F(MsgQStress, NothingGoesToTheDead)
-{
-    const stdout_capture console;
-    const int threads = threads_at_rest();
-    const MSG_Q_ID id = msgQCreate(1, 8, 0);
-    char buffer[8] = {};
-    for (int round = 0; round < 2000 / SHARE; round++) {
-        const bool sends = round % 2 == 0;
-        const int wait = round % 3 - 1;
-        if (sends) {
-            msgQSend(id, buffer, 8, NO_WAIT, 0);
-        }
-        const taskId_t task = spawn([=] {
-            char own[8] = {};
-            for (;;) {
-                sends ? msgQSend(id, own, 8, wait, 0) : msgQReceive(id, own, 8, wait);
+        const int threads = threads_at_rest();
+        for (int round = 0; round < 200 + 400 / SHARE; round++) {
+            ASSERT_TRUE(eventually([=] { return load_acquire(waiting) == 2; })) << round;
+            const int before = theirs;
+            std::vector<taskId_t> tasks;
+            for (const int wait : {WAIT_FOREVER, NO_WAIT, 1}) {
+                tasks.push_back(spawn([=] {
+                    for (;;) {
+                        use(id, sends, wait);
+                    }
+                }));
             }
-        });
-        usleep(static_cast<useconds_t>(round % 10 * 10));
-        EXPECT_EQ(taskDelete(task), OK);
-        if (sends) {
-            EXPECT_EQ(msgQReceive(id, buffer, 8, NO_WAIT), 8);
-        } else {
-            EXPECT_EQ(msgQSend(id, buffer, 8, NO_WAIT, 0), OK);
+            usleep(static_cast<useconds_t>(round % 40 * 25));
+            if (round % 2 == 0) {
+                use(id, !sends, WAIT_FOREVER);
+            }
+            for (const taskId_t task : tasks) {
+                EXPECT_EQ(taskDelete(task), OK);
+            }
+            if (round % 2 == 1) {
+                use(id, !sends, WAIT_FOREVER);
+                ASSERT_TRUE(eventually([&] { return theirs == before + 1; })) << round;
+            }
+            ASSERT_TRUE(eventually([=] { return msgQNumMsgs(id) == at_rest; })) << round;
+            ASSERT_TRUE(eventually([=] { return thread_count() == threads; }));
         }
-        ASSERT_TRUE(eventually([=] { return thread_count() == threads; }));
-        ASSERT_EQ(msgQReceive(id, buffer, 8, NO_WAIT), sends ? -1 : 8) << round;
+        EXPECT_EQ(msgQDelete(id), OK);
+        others.clear();
+        expect_at_rest(id);
     }
-    EXPECT_EQ(msgQDelete(id), OK);
 }

@@ -38,11 +38,6 @@ static bool wait_in(MSG_Q_ID id, int count)
     return eventually([=] { return load_acquire(&record(id)->waitTasks) == count; });
 }
 
-static bool marked(MSG_Q_ID id)
-{
-    return load_relaxed(&record(id)->send_type) == SEND_DELETED;
-}
-
 static void send(MSG_Q_ID id, std::string msg, int pri = MSG_PRI_NORMAL, int wait = NO_WAIT,
                  int code = 0)
 {
@@ -85,30 +80,45 @@ TEST(MsgQTest, SizesOutOfRangeAreRefused)
     }
 }
 
-// A record is made when no deleted queue left one; the queue after the next uses it again.
+static void expect_chain(const std::vector<MSG_Q_ID>& queues)
+{
+    for (size_t i = 1; i < queues.size(); i++) {
+        EXPECT_EQ(record(queues[i - 1])->nxt_queue, record(queues[i]));
+    }
+}
+
+// A queue takes a ring, a record if no deleted queue left one, and room for that in the registry,
+// which keeps the order of creation.
 TEST(MsgQTest, FailedAllocationsLeaveNothing)
 {
     std::vector<MSG_Q_ID> queues;
-    do {
-        fail_malloc(0);
-        queues.push_back(msgQCreate(2, 16, 0));
-    } while (malloc_calls() < 2);
-    for (const int nth : {1, 2}) {
+    int most = 0;
+    for (int nth = 1; queues.size() < 20; nth++) {
         fail_malloc(nth);
         errno = 0;
-        EXPECT_EQ(msgQCreate(2, 16, 0), nullptr);
-        EXPECT_EQ(errno, S_memLib_NOT_ENOUGH_MEMORY);
-        EXPECT_TRUE(failed());
+        const MSG_Q_ID id = msgQCreate(2, 16, 0);
+        EXPECT_EQ(errno, failed() ? S_memLib_NOT_ENOUGH_MEMORY : 0);
+        EXPECT_EQ(id == nullptr, failed());
+        if (id != nullptr) {
+            most = std::max(most, std::exchange(nth, 0) - 1);
+            queues.push_back(id);
+        }
     }
-    for (MSG_Q_ID id : queues) {
-        EXPECT_EQ(msgQDelete(id), OK);
+    EXPECT_EQ(most, 3);
+    expect_chain(queues);
+    for (const size_t gone : {10, 10, 0, 16}) {
+        EXPECT_EQ(msgQDelete(queues[gone]), OK);
+        queues.erase(queues.begin() + static_cast<long>(gone));
     }
     fail_malloc(2);
-    const MSG_Q_ID again = msgQCreate(2, 16, 0);
-    fail_nothing();
+    queues.push_back(msgQCreate(2, 16, 0)); // in a record of those
     EXPECT_EQ(malloc_calls(), 1);
-    EXPECT_EQ(receive(again), "none");
-    EXPECT_EQ(msgQDelete(again), OK);
+    fail_nothing();
+    expect_chain(queues);
+    for (const MSG_Q_ID id : queues) {
+        EXPECT_EQ(receive(id), "none");
+        EXPECT_EQ(msgQDelete(id), OK);
+    }
 }
 
 TEST(MsgQTest, UnknownIdsAreRefusedUnread)
@@ -213,11 +223,11 @@ TEST(MsgQTest, WaitsEndAtTheirDeadlineAndNotBefore)
 
 TEST(MsgQTest, WaitersGoOnWhenTheirTurnComes)
 {
-    MSG_Q_ID id = msgQCreate(1, 8, 0);
+    const MSG_Q_ID id = msgQCreate(1, 8, 0);
     send(id, "A");
     send(id, "U", MSG_PRI_URGENT);
-    std::thread urgent([&] { send(id, "V", MSG_PRI_URGENT, WAIT_FOREVER); });
-    std::thread normal([&] { send(id, "B", MSG_PRI_NORMAL, 300000); });
+    const std::jthread urgent(send, id, "V", MSG_PRI_URGENT, WAIT_FOREVER, 0);
+    const std::jthread normal(send, id, "B", MSG_PRI_NORMAL, 300000, 0);
     ASSERT_TRUE(wait_in(id, 2));
     EXPECT_EQ(receive(id), "U"); // the spare slot is for those that do not wait
     taskDelay(2);
@@ -226,8 +236,7 @@ TEST(MsgQTest, WaitersGoOnWhenTheirTurnComes)
     const std::string first = receive(id, WAIT_FOREVER); // the faster of the two has the slot
     EXPECT_TRUE(first == "V" || first == "B") << first;
     EXPECT_EQ(receive(id, WAIT_FOREVER), first == "V" ? "B" : "V");
-    urgent.join();
-    normal.join();
+    EXPECT_TRUE(wait_in(id, 0));
     msgQDelete(id);
 }
 
@@ -254,15 +263,13 @@ TEST(MsgQTest, DeletionTurnsWaitersAwayEvenIfTheDeleterDies)
         const bool full = round < 2;
         const bool dies = round % 2 == 0;
         const MSG_Q_ID id = msgQCreate(1, 8, 0);
-        std::vector<std::thread> waiters;
         if (full) {
             send(id, "x");
         }
+        std::vector<std::jthread> waiters;
         for (const int wait : {WAIT_FOREVER, 300000, WAIT_FOREVER}) {
-            waiters.emplace_back([=] {
-                full ? send(id, "y", MSG_PRI_NORMAL, wait, S_objLib_OBJ_DELETED)
-                     : expect_none(id, wait, S_objLib_OBJ_DELETED);
-            });
+            full ? waiters.emplace_back(send, id, "y", 0, wait, S_objLib_OBJ_DELETED)
+                 : waiters.emplace_back(expect_none, id, wait, S_objLib_OBJ_DELETED);
         }
         ASSERT_TRUE(wait_in(id, 3));
         held = true;
@@ -270,7 +277,8 @@ TEST(MsgQTest, DeletionTurnsWaitersAwayEvenIfTheDeleterDies)
         ASSERT_TRUE(eventually([=] { return stopped == round + 1; }));
         taskLock();
         const taskId_t deleter = spawn([=] { EXPECT_EQ(msgQDelete(id), OK); });
-        ASSERT_TRUE(eventually([=] { return marked(id); }));
+        ASSERT_TRUE(
+            eventually([=] { return load_relaxed(&record(id)->send_type) == SEND_DELETED; }));
         if (full) {
             EXPECT_EQ(msgQNumMsgs(id), 1);
             expect_none(id, WAIT_FOREVER, 0);
@@ -280,24 +288,15 @@ TEST(MsgQTest, DeletionTurnsWaitersAwayEvenIfTheDeleterDies)
         }
         EXPECT_EQ(msgQDelete(id), ERROR);
         const int64_t before = now_ns();
-        if (dies) {
-            EXPECT_EQ(taskDelete(deleter), OK);
-        }
+        EXPECT_TRUE(!dies || taskDelete(deleter) == OK);
         taskUnlock();
         EXPECT_TRUE(wait_in(id, 1));
-        if (dies) {
-            ASSERT_TRUE(eventually([=] { return msgQNumMsgs(id) == -1; }));
-            EXPECT_GE(now_ns() - before, TICK_NS);
-        } else {
-            taskDelay(3);
-            EXPECT_NE(msgQNumMsgs(id), -1);
-        }
+        EXPECT_EQ(eventually([=] { return msgQNumMsgs(id) == -1; }, dies ? 10000 : 30), dies);
+        EXPECT_GE(now_ns() - before, TICK_NS);
         const MSG_Q_ID next = msgQCreate(1, 8, 0);
         EXPECT_NE(next, id);
         held = false;
-        for (std::thread& waiter : waiters) {
-            waiter.join();
-        }
+        waiters.clear();
         EXPECT_TRUE(eventually([=] { return msgQNumMsgs(id) == -1; }));
         EXPECT_EQ(msgQDelete(next), OK);
     }

@@ -4,11 +4,12 @@
 // A queue holds a fixed number of messages of at most a fixed length, copied into a ring that is
 // allocated with the queue: sending and receiving allocate nothing. A normal message goes behind
 // the others, an urgent one before them, so that the latest urgent message is received first. One
-// slot is spare: a full queue takes one urgent message more. All waiting tasks are woken when
-// something changes, and there is no order among them.
+// slot is spare: a full queue takes one urgent message more. A message or a free slot wakes one of
+// the tasks that wait for it; there is no order among them, and one that comes along may be faster.
 //
 // An id is looked up by every operation; one that was never created, or whose queue is gone, is
-// refused and not read through. The address of a deleted queue is used again by a later one.
+// refused and not read through. The address of a deleted queue is used again by a later one. What
+// an operation costs does not depend on how many queues there are.
 //
 // Time-outs are ticks of msPerTick milliseconds: WAIT_FOREVER, NO_WAIT, or a positive number of any
 // size. A wait ends at an instant of the wall clock, so stepping the clock moves it: a step back

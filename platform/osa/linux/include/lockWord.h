@@ -18,12 +18,6 @@
 
 static constexpr int LOCK_WORD_NAP_MS = 1;
 
-typedef struct lock_word {
-    int held;             // 0 or 1; atomic: acquire by the exchange that takes, release by the give
-    int sleepers;         // threads asleep, or about to be; atomic, written with the mutex held
-    pthread_cond_t given; // by the monotonic clock
-} lock_word_t;
-
 /** Makes a word in memory that is all zero. */
 void lock_word_init(lock_word_t* word);
 

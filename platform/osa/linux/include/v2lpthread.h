@@ -70,30 +70,46 @@ typedef struct q_msg {
     char* msgbuf; // stands for the message bytes from offset 8, not a pointer
 } q_msg_t;
 
-/** Message queue. Guarded by queue_lock unless said otherwise. */
+/** A lock for short sections: lockWord.h. */
+typedef struct lock_word {
+    int held;             // 0 or 1; atomic: acquire by the exchange that takes, release by the give
+    int sleepers;         // threads asleep, or about to be; atomic, written with the mutex held
+    pthread_cond_t given; // by the monotonic clock
+} lock_word_t;
+
+/** The receivers that wait for a message of a queue, or the senders that wait for space in it. */
+typedef struct queue_waiters {
+    int waiting; // counted in waitTasks as well
+    int called;  // calls to go on that nobody has answered by a look under the guard
+    int calls;   // those that nobody has taken up yet; guarded by queue_lock or qfull_lock
+} queue_waiters_t;
+
+/** Message queue. Guarded by its guard unless said otherwise. */
 typedef struct v2pt_mqueue {
     pthread_mutexattr_t queue_attr; // recursive
     pthread_mutex_t queue_lock;
-    pthread_cond_t queue_send;      // receivers wait here, with queue_lock
+    pthread_cond_t queue_send;      // receivers sleep here, with queue_lock
     pthread_mutexattr_t qdlet_attr; // recursive
     pthread_mutex_t qdlet_lock;
-    pthread_cond_t qdlet_cmplt;     // the deleting task waits here, with qdlet_lock
+    pthread_cond_t qdlet_cmplt;     // the deleting task sleeps here, with qdlet_lock
     pthread_mutexattr_t qfull_attr; // recursive
     pthread_mutex_t qfull_lock;
-    pthread_cond_t queue_space;    // senders wait here, with qfull_lock
+    pthread_cond_t queue_space;    // senders sleep here, with qfull_lock
     q_msg_t* queue_head;           // next message to receive
     q_msg_t* queue_tail;           // slot of the next normal message
-    int send_type;                 // SEND_DELETED once deletion began; atomic, written locked
-    q_msg_t* first_msg_in_queue;   // slot 0, start of the ring; null: no queue here; atomic
+    int send_type;                 // SEND_DELETED once deletion began; atomic, written guarded
+    q_msg_t* first_msg_in_queue;   // slot 0, start of the ring; null: no queue here
     q_msg_t* last_msg_in_queue;    // constant
-    struct v2pt_mqueue* nxt_queue; // registry link; atomic, set once
-    int msg_count;                 // atomic, written locked
-    int msgs_per_queue;            // capacity; constant
-    int msg_len;                   // longest message in bytes; constant
-    size_t vmsg_len;               // slot stride: 8 + msg_len; constant
-    int waitTasks;                 // tasks waiting on the queue; atomic, written locked
-    int receivers_waiting;         // those of waitTasks that wait for a message
-    int senders_waiting;           // those of waitTasks that wait for space
+    struct v2pt_mqueue* nxt_queue; // registry or spare records; guarded by mqueue_list_lock
+    int msg_count;
+    int msgs_per_queue;        // capacity; constant
+    int msg_len;               // longest message in bytes; constant
+    size_t vmsg_len;           // slot stride: 8 + msg_len; constant
+    int waitTasks;             // tasks waiting on the queue; atomic, written guarded
+    queue_waiters_t receivers; // for a message
+    queue_waiters_t senders;   // for space
+    struct v2pt_mqueue** link; // what points here in the registry; guarded by mqueue_list_lock
+    lock_word_t guard;
 } v2pt_mqueue_t;
 
 /** Watchdog. Guarded by wdog_list_lock. */

@@ -1,56 +1,57 @@
-// Message queues: a ring of slots under a mutex, a condition that receivers wait on, another one
-// for senders, and a registry that every id is looked up in.
+// Message queues: sending, receiving, waiting, deleting. The ring is in queueRing.h, the registry
+// that every id is looked up in, in queueRegistry.h.
 //
-// The registry. mqueue_list chains every record ever made. A link is set once, and no record goes
-// back to the allocator, so the chain is walked without a lock, and whatever is found in it may be
-// locked, however late. Whether a queue lives there is for the record to say, under queue_lock: it
-// has a ring. Deleting a queue frees the ring and leaves the record to a later msgQCreate. This
-// keeps some 400 bytes for each queue of the time when there were most. It makes looking up cost a
-// few loads, where a lock and a reference count would cost more than the rest of the operation; and
-// it allows wake-ups after the locks are let go: at worst they reach waiters of the record's next
-// queue, who look and wait on.
+// The guard. One lock word guards the ring, the counts and the mark of a queue. Inside an operation
+// no thread ends, so none ends with the guard in its hands; nothing is waited for under it. It goes
+// with a look whether the queue is there: mqueue_find_lock, mqueue_unlock.
 //
-// Waiting. A waiter counts itself under queue_lock before it lets go of it, so whoever changes the
-// count of messages afterwards knows that somebody is to be woken, and does so after the section.
-// Receivers wait with queue_lock. Senders wait with qfull_lock and read msg_count and send_type
-// without queue_lock; the wake-up takes qfull_lock, so it cannot fall between their look and their
-// sleep. A slot they saw may be gone when they have queue_lock again: then they wait on.
+// Waiting. A waiter counts itself under the guard, lets go of it, and sleeps until it is called:
+// receivers on queue_send with queue_lock, senders on queue_space with qfull_lock. Whoever lets go
+// of the guard looks at each end whether fewer are called and on their way than could go on now,
+// which is the lesser of those that wait and of the messages or slots there are. Then it calls one:
+// it counts the call under the guard (called), posts it under the lock that the waiters sleep with
+// (calls), and signals. One is enough, for no section under the guard leaves more than one short.
 //
-// A task that was deleted takes and puts nothing: it looks whether it is to end when it has
-// queue_lock, and a message that is sent after the deletion is put with queue_lock held, too.
+// No call is lost. One that comes before its waiter sleeps is found posted. Of those awake any may
+// take it up, and the others sleep on. Whoever wakes and finds a call takes it up in any case: its
+// deadline passed or told to end, it gives the call back under the guard, and letting go of the
+// guard passes it on if somebody can still go on. A call that is posted when its waiters have left,
+// even when another queue has the record, costs the next waiter one look.
 //
-// Deletion. The mark in send_type, set under queue_lock, decides who deletes. Waiters leave because
-// of it, and the deleting task waits until waitTasks says that the last has gone. A record with
-// waiters is not used again, so one that leaves late (the deleting task was itself told to end and
-// did not wait) finds the mark and nothing else.
+// A called waiter may find that others were faster; then it waits on, within the same deadline.
+//
+// A task that was deleted takes and puts nothing: it looks whether it is to end when it has the
+// guard, and a message that is sent after the deletion is put under the guard, too.
+//
+// Deletion. The mark in send_type, set under the guard, decides who deletes. Waiters leave because
+// of it, and the deleting task waits until waitTasks says that the last has gone; whoever lets go
+// of the guard of a marked queue tells it to look. One that leaves late (the deleting task was
+// itself told to end and did not wait) finds the mark and nothing else, for a record with waiters
+// is not used again.
 //
 // Locks, outermost first:
 //   task lock               held by a deletion, waited for with none of the others held
-//   mqueue_list_lock        creation: appends records and hands out spare ones
-//   queue_lock              the ring, the counts and the mark of one queue
-//   qfull_lock, qdlet_lock  senders' sleep, the deleting task's sleep; never together
+//   guard                   the ring, the counts and the mark of one queue
+//   queue_lock, qfull_lock  calls for receivers and for senders, which sleep with them; queue_lock
+//                           for those, too, that found the guard taken. Never with another
+//   qdlet_lock              the deleting task's sleep; likewise
 #include "osaMsg.h"
 
 #include "internal.h"
+#include "lockWord.h"
 #include "osaTask.h"
+#include "queueRegistry.h"
+#include "queueRing.h"
 
 #include <errno.h>
 #include <limits.h>
-#include <string.h>
 
-static constexpr lock_role_t queueListHeld; // mqueue_list_lock
-static constexpr lock_role_t queueHeld;     // queue_lock
-static constexpr lock_role_t queueFullHeld; // qfull_lock
-static constexpr lock_role_t queueGoneHeld; // qdlet_lock
-
-static constexpr size_t SLOT_HEADER = offsetof(q_msg_t, msgbuf);
+static constexpr lock_role_t queueSleepHeld; // queue_lock or qfull_lock
+static constexpr lock_role_t queueGoneHeld;  // qdlet_lock
 
 // A ring beyond this is refused: the system might promise the memory and then end the process for
 // filling it with zeros.
 static constexpr size_t RING_LIMIT = INT_MAX;
-
-static v2pt_mqueue_t* mqueue_list = nullptr; // atomic; written with mqueue_list_lock held
-static pthread_mutex_t mqueue_list_lock = PTHREAD_MUTEX_INITIALIZER;
 
 static v2pt_mqueue_t* record_of(MSG_Q_ID id)
 {
@@ -63,130 +64,139 @@ static status_t fail_with(STATUS status)
     return ERROR;
 }
 
-// ---- The ring ----
+// ---- The two ends of a queue ----
 
-static char* bytes_of(q_msg_t* slot)
+// What receivers wait for, or senders: where they count, and what they sleep on with what.
+typedef struct queue_end {
+    queue_waiters_t* waiters;
+    pthread_cond_t* cond;
+    pthread_mutex_t* mutex;
+    int (*waiting_on)(const v2pt_mqueue_t* queue, int pri); // 1: there is no going on yet
+} queue_end_t;
+
+static bool is_marked(const v2pt_mqueue_t* queue)
 {
-    return static_cast<char*>(static_cast<void*>(slot));
+    return (load_relaxed(&queue->send_type) & SEND_DELETED) != 0;
 }
 
-static q_msg_t* slot_at(char* bytes)
+static int room_in(const v2pt_mqueue_t* queue) REQUIRES(queueHeld)
 {
-    return static_cast<q_msg_t*>(static_cast<void*>(bytes));
+    return queue->msgs_per_queue - queue->msg_count; // -1: the spare slot is taken as well
 }
 
-static q_msg_t* slot_after(const v2pt_mqueue_t* queue, q_msg_t* slot)
+static int waiting_on_q_space(const v2pt_mqueue_t* queue, int pri) REQUIRES(queueHeld)
 {
-    if (slot == queue->last_msg_in_queue) {
-        return queue->first_msg_in_queue;
+    const int least = pri == MSG_PRI_URGENT ? 0 : 1; // 0: the spare slot
+
+    return room_in(queue) < least ? 1 : 0;
+}
+
+static int waiting_on_q_msg(const v2pt_mqueue_t* queue, int) REQUIRES(queueHeld)
+{
+    return queue->msg_count < 1 ? 1 : 0;
+}
+
+static queue_end_t receivers_of(v2pt_mqueue_t* queue)
+{
+    return {&queue->receivers, &queue->queue_send, &queue->queue_lock, waiting_on_q_msg};
+}
+
+static queue_end_t senders_of(v2pt_mqueue_t* queue)
+{
+    return {&queue->senders, &queue->queue_space, &queue->qfull_lock, waiting_on_q_space};
+}
+
+// Notes the call that is owed to one end, if any; call_one() makes it once the guard is given.
+static bool owes_call(queue_waiters_t* waiters, int can_go_on) REQUIRES(queueHeld)
+{
+    if (waiters->called >= waiters->waiting || waiters->called >= can_go_on) {
+        return false;
     }
-    return slot_at(bytes_of(slot) + queue->vmsg_len);
+    waiters->called++;
+    return true;
 }
 
-static q_msg_t* slot_before(const v2pt_mqueue_t* queue, q_msg_t* slot)
+// Signals unlocked, so that the one who wakes does not run into the lock.
+static void call_one(const queue_end_t& end)
 {
-    if (slot == queue->first_msg_in_queue) {
-        return queue->last_msg_in_queue;
-    }
-    return slot_at(bytes_of(slot) - queue->vmsg_len);
+    TEST_POINT();
+    LOCK_SECTION(end.mutex, queueSleepHeld);
+    end.waiters->calls++;
+    END_SECTION(queueSleepHeld);
+    TEST_POINT();
+    pthread_cond_signal(end.cond);
 }
 
-// Slots are not aligned, so their headers are copied as well.
-static void fill_slot(q_msg_t* slot, const char* msg, uint msglen)
+static void wake_all(const queue_end_t& end)
 {
-    memcpy(bytes_of(slot), &msglen, sizeof msglen);
-    if (msg != nullptr) {
-        memcpy(bytes_of(slot) + SLOT_HEADER, msg, msglen);
-    }
+    LOCK_SECTION(end.mutex, queueSleepHeld); // nobody is between the look at the mark and the sleep
+    pthread_cond_broadcast(end.cond);
+    END_SECTION(queueSleepHeld);
 }
 
-static void send_msg_to(v2pt_mqueue_t* queue, const char* msg, uint msglen) REQUIRES(queueHeld)
+// ---- The guard ----
+
+static void guard_take(v2pt_mqueue_t* queue) ACQUIRES(queueHeld)
 {
-    fill_slot(queue->queue_tail, msg, msglen);
-    queue->queue_tail = slot_after(queue, queue->queue_tail);
-    store_relaxed(&queue->msg_count, queue->msg_count + 1);
+    lock_word_take(&queue->guard, &queue->queue_lock);
+    role_taken(queueHeld);
 }
 
-static void urgent_msg_to(v2pt_mqueue_t* queue, const char* msg, uint msglen) REQUIRES(queueHeld)
+static void guard_give(v2pt_mqueue_t* queue) RELEASES(queueHeld)
 {
-    queue->queue_head = slot_before(queue, queue->queue_head);
-    fill_slot(queue->queue_head, msg, msglen);
-    store_relaxed(&queue->msg_count, queue->msg_count + 1);
+    lock_word_give(&queue->guard, &queue->queue_lock);
+    role_given(queueHeld);
 }
 
-static uint fetch_msg_from(v2pt_mqueue_t* queue, char* msg) REQUIRES(queueHeld)
+static void notify_if_delete_complete(v2pt_mqueue_t* queue)
 {
-    static constexpr uint empty = 0;
-    char* slot = bytes_of(queue->queue_head);
-    uint msglen = 0;
-
-    if (msg != nullptr) {
-        memcpy(&msglen, slot, sizeof msglen);
-        memcpy(msg, slot + SLOT_HEADER, msglen);
-    }
-    memcpy(slot, &empty, sizeof empty);
-    if (queue->msg_len > 0) { // else the byte belongs to the next slot, or to nobody
-        slot[SLOT_HEADER] = 0;
-    }
-    queue->queue_head = slot_after(queue, queue->queue_head);
-    store_relaxed(&queue->msg_count, queue->msg_count - 1);
-    return msglen;
+    LOCK_SECTION(&queue->qdlet_lock, queueGoneHeld);
+    pthread_cond_broadcast(&queue->qdlet_cmplt);
+    END_SECTION(queueGoneHeld);
 }
 
-// ---- The registry ----
-
-// 0: no such queue. 1: there is, and its queue_lock is held.
-static int mqueue_find_lock(v2pt_mqueue_t* queue)
+// 0: no such queue. 1: there is, and its guard is held.
+static inline int mqueue_find_lock(v2pt_mqueue_t* queue)
     LOCK_ATTRIBUTE(try_acquire_capability(1, queueHeld)) UNCHECKED
 {
-    const v2pt_mqueue_t* record = load_acquire(&mqueue_list);
-
-    while (record != nullptr && record != queue) {
-        record = load_acquire(&record->nxt_queue);
-    }
-    if (record == nullptr) {
+    if (!address_set_has(&queue_records, queue)) {
         return 0;
     }
     TEST_POINT();
-    pthread_mutex_lock(&queue->queue_lock);
+    guard_take(queue);
     if (queue->first_msg_in_queue != nullptr) {
         return 1;
     }
-    pthread_mutex_unlock(&queue->queue_lock);
+    guard_give(queue);
     return 0;
 }
 
-static void mqueue_unlock(v2pt_mqueue_t* queue) RELEASES(queueHeld)
+[[gnu::noinline]] static void unlock_and_tell(v2pt_mqueue_t* queue) RELEASES(queueHeld)
 {
-    section_close(&queue->queue_lock, queueHeld);
-}
+    const bool receiver = owes_call(&queue->receivers, queue->msg_count);
+    const bool sender = owes_call(&queue->senders, room_in(queue));
+    const bool marked = is_marked(queue);
+    guard_give(queue);
 
-static void link_qcb(v2pt_mqueue_t* new_mqueue) REQUIRES(queueListHeld)
-{
-    v2pt_mqueue_t** link = &mqueue_list;
-
-    while (*link != nullptr) {
-        link = &(*link)->nxt_queue;
+    if (receiver) {
+        call_one(receivers_of(queue));
     }
-    store_release(link, new_mqueue);
+    if (sender) {
+        call_one(senders_of(queue));
+    }
+    if (marked) {
+        notify_if_delete_complete(queue);
+    }
 }
 
-// Makes the queue unknown; its record stays. Returns the ring.
-static q_msg_t* unlink_qcb(v2pt_mqueue_t* qid)
+// Lets go of the guard and tells whoever waits for what was done under it.
+static inline void mqueue_unlock(v2pt_mqueue_t* queue) RELEASES(queueHeld)
 {
-    q_msg_t* ring = nullptr;
-    q_msg_t* const none = nullptr;
-
-    LOCK_SECTION(&qid->queue_lock, queueHeld);
-    ring = qid->first_msg_in_queue;
-    store_release(&qid->first_msg_in_queue, none);
-    END_SECTION(queueHeld);
-    return ring;
-}
-
-static void delete_mqueue(v2pt_mqueue_t* queue)
-{
-    ts_free(unlink_qcb(queue));
+    if (__builtin_expect(load_relaxed(&queue->waitTasks) > 0 || is_marked(queue), 0)) {
+        unlock_and_tell(queue);
+    } else {
+        guard_give(queue);
+    }
 }
 
 // ---- Creation ----
@@ -204,67 +214,24 @@ static q_msg_t* data_extent_for(int max_msgs, int msglen)
     return size > RING_LIMIT ? nullptr : static_cast<q_msg_t*>(ts_malloc(size));
 }
 
-static v2pt_mqueue_t* new_record(void)
-{
-    v2pt_mqueue_t* queue = static_cast<v2pt_mqueue_t*>(ts_malloc(sizeof(v2pt_mqueue_t)));
-
-    if (queue == nullptr) {
-        return nullptr;
-    }
-    recursive_mutex_init(&queue->queue_lock, &queue->queue_attr);
-    pthread_cond_init(&queue->queue_send, nullptr);
-    recursive_mutex_init(&queue->qdlet_lock, &queue->qdlet_attr);
-    pthread_cond_init(&queue->qdlet_cmplt, nullptr);
-    recursive_mutex_init(&queue->qfull_lock, &queue->qfull_attr);
-    pthread_cond_init(&queue->queue_space, nullptr);
-    return queue;
-}
-
-// Once the ring is gone nobody comes to wait any more, so the second look settles it.
-static bool is_spare(const v2pt_mqueue_t* queue)
-{
-    return load_acquire(&queue->first_msg_in_queue) == nullptr &&
-           load_acquire(&queue->waitTasks) == 0;
-}
-
-static v2pt_mqueue_t* spare_record(void) REQUIRES(queueListHeld)
-{
-    v2pt_mqueue_t* queue = mqueue_list;
-
-    while (queue != nullptr && !is_spare(queue)) {
-        queue = queue->nxt_queue;
-    }
-    if (queue != nullptr) {
-        return queue;
-    }
-    queue = new_record();
-    if (queue != nullptr) {
-        link_qcb(queue);
-    }
-    return queue;
-}
-
-// Late callers with the id of the record's last queue may look into it meanwhile.
 static void open_queue(v2pt_mqueue_t* queue, q_msg_t* ring, int max_msgs, int msglen)
 {
-    LOCK_SECTION(&queue->queue_lock, queueHeld);
+    guard_take(queue);
     queue->vmsg_len = stride_for(msglen);
     queue->msgs_per_queue = max_msgs;
     queue->msg_len = msglen;
+    queue->first_msg_in_queue = ring;
     queue->last_msg_in_queue =
         slot_at(bytes_of(ring) + queue->vmsg_len * static_cast<size_t>(max_msgs));
     queue->queue_head = ring;
     queue->queue_tail = ring;
-    store_relaxed(&queue->msg_count, 0);
+    queue->msg_count = 0;
     store_relaxed(&queue->send_type, 0);
-    store_release(&queue->first_msg_in_queue, ring);
-    END_SECTION(queueHeld);
+    guard_give(queue);
 }
 
 static STATUS create_queue(int max_msgs, int msglen, v2pt_mqueue_t** created)
 {
-    v2pt_mqueue_t* queue = nullptr;
-
     if (max_msgs < 1 || msglen < 0) {
         return S_msgQLib_INVALID_MSG_LENGTH;
     }
@@ -272,17 +239,13 @@ static STATUS create_queue(int max_msgs, int msglen, v2pt_mqueue_t** created)
     if (ring == nullptr) {
         return S_memLib_NOT_ENOUGH_MEMORY;
     }
-    LOCK_SECTION(&mqueue_list_lock, queueListHeld);
-    queue = spare_record();
-    if (queue != nullptr) {
-        open_queue(queue, ring, max_msgs, msglen);
-    }
-    END_SECTION(queueListHeld);
-
+    v2pt_mqueue_t* queue = queue_record_take();
     if (queue == nullptr) {
         ts_free(ring);
         return S_memLib_NOT_ENOUGH_MEMORY;
     }
+    open_queue(queue, ring, max_msgs, msglen);
+    link_qcb(queue);
     *created = queue;
     return OK;
 }
@@ -304,85 +267,7 @@ MSG_Q_ID msgQCreate(int max_msgs, int msglen, int)
 
 // ---- Waiting ----
 
-// A wait: where it counts, what it sleeps on, and how the last sleep ended (0, ETIMEDOUT, ...).
-typedef struct wait_place {
-    v2pt_mqueue_t* queue;
-    int* waiting; // receivers_waiting or senders_waiting
-    pthread_cond_t* cond;
-    pthread_mutex_t* mutex;
-    int retcode;
-} wait_place_t;
-
-static bool is_marked(const v2pt_mqueue_t* queue)
-{
-    return (load_relaxed(&queue->send_type) & SEND_DELETED) != 0;
-}
-
-static bool has_room(const v2pt_mqueue_t* queue, int pri)
-{
-    const int room = queue->msgs_per_queue - load_relaxed(&queue->msg_count);
-
-    return room > 0 || (room == 0 && pri == MSG_PRI_URGENT); // 0: the spare slot
-}
-
-// The spare slot is for urgent messages that come to a full queue: one that has to wait, waits for
-// a slot like any other.
-static int waiting_on_q_space(const v2pt_mqueue_t* queue, int* retcode)
-{
-    if (!is_marked(queue) && !has_room(queue, MSG_PRI_NORMAL)) {
-        return 1;
-    }
-    *retcode = 0;
-    return 0;
-}
-
-static int waiting_on_q_msg(const v2pt_mqueue_t* queue, int* retcode) REQUIRES(queueHeld)
-{
-    if (!is_marked(queue) && queue->msg_count < 1) {
-        return 1;
-    }
-    *retcode = 0;
-    return 0;
-}
-
-static void notify_if_delete_complete(v2pt_mqueue_t* queue)
-{
-    LOCK_SECTION(&queue->qdlet_lock, queueGoneHeld);
-    pthread_cond_broadcast(&queue->qdlet_cmplt);
-    END_SECTION(queueGoneHeld);
-}
-
-static void join_waiters_locked(const wait_place_t* place) REQUIRES(queueHeld)
-{
-    v2pt_mqueue_t* queue = place->queue;
-
-    ++*place->waiting;
-    store_relaxed(&queue->waitTasks, queue->waitTasks + 1);
-}
-
-static void waitTaskStopWait(const wait_place_t* place) REQUIRES(queueHeld)
-{
-    v2pt_mqueue_t* queue = place->queue;
-
-    --*place->waiting;
-    store_release(&queue->waitTasks, queue->waitTasks - 1);
-    if (is_marked(queue)) {
-        notify_if_delete_complete(queue);
-    }
-}
-
-// How a wait ended. One that failed for any other reason than its deadline would fail for ever, so
-// it counts as a time-out as well.
-static STATUS wait_status(const thread_record_t* me, const wait_place_t* place)
-{
-    if (is_marked(place->queue)) {
-        return S_objLib_OBJ_DELETED;
-    }
-    if (end_asked(me)) {
-        return S_objLib_OBJ_UNAVAILABLE;
-    }
-    return place->retcode != 0 ? S_objLib_OBJ_TIMEOUT : OK;
-}
+static constexpr STATUS WAIT_ON = ERROR; // no status code
 
 static const struct timespec* deadline_for(int wait, struct timespec* space)
 {
@@ -393,73 +278,97 @@ static const struct timespec* deadline_for(int wait, struct timespec* space)
     return space;
 }
 
-static bool goes_on(const thread_record_t* me, const wait_place_t* place)
+static void join_waiters(v2pt_mqueue_t* queue, queue_waiters_t* waiters) REQUIRES(queueHeld)
 {
-    return place->retcode == 0 && !end_asked(me);
+    waiters->waiting++;
+    store_relaxed(&queue->waitTasks, queue->waitTasks + 1);
 }
 
-// Sleeps until there seems to be room, the queue is marked, or there is no point in going on.
-static void wait_for_space(thread_record_t* me, wait_place_t* place,
-                           const struct timespec* deadline)
+static void waitTaskStopWait(v2pt_mqueue_t* queue, queue_waiters_t* waiters) REQUIRES(queueHeld)
 {
-    LOCK_SECTION(place->mutex, queueFullHeld);
-    while (waiting_on_q_space(place->queue, &place->retcode) != 0 && goes_on(me, place)) {
-        place->retcode = op_wait(me, place->cond, place->mutex, deadline);
+    waiters->waiting--;
+    store_release(&queue->waitTasks, queue->waitTasks - 1);
+}
+
+// Sleeps until there is a call, the queue is marked, or there is no point in going on. Takes the
+// call up, if there is one; retcode tells how the last sleep ended (0, ETIMEDOUT, ...).
+static bool sleep_until_called(thread_record_t* me, const v2pt_mqueue_t* queue,
+                               const queue_end_t& end, const struct timespec* deadline,
+                               int* retcode)
+{
+    bool called = false;
+
+    TEST_POINT();
+    LOCK_SECTION(end.mutex, queueSleepHeld);
+    while (end.waiters->calls == 0 && !is_marked(queue) && *retcode == 0 && !end_asked(me)) {
+        *retcode = op_wait(me, end.cond, end.mutex, deadline);
     }
-    END_SECTION(queueFullHeld);
-}
-
-// Likewise until there is a message.
-static void wait_for_msg(thread_record_t* me, wait_place_t* place, const struct timespec* deadline)
-    REQUIRES(queueHeld)
-{
-    while (waiting_on_q_msg(place->queue, &place->retcode) != 0 && goes_on(me, place)) {
-        place->retcode = op_wait(me, place->cond, place->mutex, deadline);
+    called = end.waiters->calls > 0;
+    if (called) {
+        end.waiters->calls--;
     }
+    END_SECTION(queueSleepHeld);
+    TEST_POINT();
+    return called;
 }
 
-// Waits for room. OK: there is room, and queue_lock was not let go of since.
-static STATUS waitToSend(thread_record_t* me, v2pt_mqueue_t* queue, int wait, int pri)
-    REQUIRES(queueHeld)
+// What comes together with the deadline wins. A sleep that failed for any other reason would fail
+// for ever, so it counts as a time-out as well.
+static STATUS wait_status(const thread_record_t* me, const v2pt_mqueue_t* queue, int waiting_on,
+                          int retcode)
 {
-    wait_place_t place = {queue, &queue->senders_waiting, &queue->queue_space, &queue->qfull_lock,
-                          0};
+    if (is_marked(queue)) {
+        return S_objLib_OBJ_DELETED;
+    }
+    if (end_asked(me)) {
+        return S_objLib_OBJ_UNAVAILABLE;
+    }
+    if (waiting_on == 0) {
+        return OK;
+    }
+    return retcode != 0 ? S_objLib_OBJ_TIMEOUT : WAIT_ON;
+}
+
+// Waits at one end. OK: the caller can go on, and the guard was not let go of since.
+//
+// The spare slot is for urgent messages that come to a full queue: one that has to wait is called
+// for a slot like any other, and takes the spare one only if somebody was faster then.
+static STATUS wait_at(thread_record_t* me, v2pt_mqueue_t* queue, const queue_end_t& end, int wait,
+                      int pri) REQUIRES(queueHeld)
+{
     struct timespec space;
-    STATUS status = OK;
+    int retcode = 0;
 
     if (wait == NO_WAIT) {
         return S_objLib_OBJ_UNAVAILABLE;
     }
+    join_waiters(queue, end.waiters);
+    mqueue_unlock(queue);
     const struct timespec* deadline = deadline_for(wait, &space);
-    join_waiters_locked(&place);
-    do {
+    for (;;) {
+        const bool called = sleep_until_called(me, queue, end, deadline, &retcode);
+        guard_take(queue);
+        end.waiters->called -= called ? 1 : 0;
+        const int waiting_on = end.waiting_on(queue, called ? pri : MSG_PRI_NORMAL);
+        const STATUS status = wait_status(me, queue, waiting_on, retcode);
+        if (status != WAIT_ON) {
+            waitTaskStopWait(queue, end.waiters);
+            return status;
+        }
         mqueue_unlock(queue);
-        TEST_POINT();
-        wait_for_space(me, &place, deadline);
-        TEST_POINT();
-        section_open(&queue->queue_lock, queueHeld);
-        status = wait_status(me, &place);
-    } while (status == OK && !has_room(queue, pri));
-    waitTaskStopWait(&place);
-    return status;
+    }
 }
 
-// Waits for a message. OK: there is one, and queue_lock was not let go of since.
-static STATUS wait_to_receive(thread_record_t* me, v2pt_mqueue_t* queue, int max_wait)
-    REQUIRES(queueHeld)
+[[gnu::noinline]] static STATUS waitToSend(thread_record_t* me, v2pt_mqueue_t* queue, int wait,
+                                           int pri) REQUIRES(queueHeld)
 {
-    wait_place_t place = {queue, &queue->receivers_waiting, &queue->queue_send, &queue->queue_lock,
-                          0};
-    struct timespec space;
+    return wait_at(me, queue, senders_of(queue), wait, pri);
+}
 
-    if (max_wait == NO_WAIT) {
-        return S_objLib_OBJ_UNAVAILABLE;
-    }
-    const struct timespec* deadline = deadline_for(max_wait, &space);
-    join_waiters_locked(&place);
-    wait_for_msg(me, &place, deadline);
-    waitTaskStopWait(&place);
-    return wait_status(me, &place);
+[[gnu::noinline]] static STATUS wait_to_receive(thread_record_t* me, v2pt_mqueue_t* queue,
+                                                int max_wait) REQUIRES(queueHeld)
+{
+    return wait_at(me, queue, receivers_of(queue), max_wait, MSG_PRI_NORMAL);
 }
 
 // ---- Sending and receiving ----
@@ -468,7 +377,6 @@ static STATUS send_to(thread_record_t* me, v2pt_mqueue_t* queue, const char* msg
                       int wait, int pri)
 {
     STATUS status = OK;
-    bool wake = false;
 
     if (mqueue_find_lock(queue) == 0) {
         return S_objLib_OBJ_ID_ERROR;
@@ -477,7 +385,7 @@ static STATUS send_to(thread_record_t* me, v2pt_mqueue_t* queue, const char* msg
         status = S_msgQLib_INVALID_MSG_LENGTH;
     } else if (end_asked(me)) {
         status = S_objLib_OBJ_UNAVAILABLE;
-    } else if (!has_room(queue, pri)) {
+    } else if (waiting_on_q_space(queue, pri) != 0) {
         status = waitToSend(me, queue, wait, pri);
     }
     if (status == OK) {
@@ -486,14 +394,8 @@ static STATUS send_to(thread_record_t* me, v2pt_mqueue_t* queue, const char* msg
         } else {
             send_msg_to(queue, msg, msglen);
         }
-        wake = queue->receivers_waiting > 0;
     }
     mqueue_unlock(queue);
-
-    if (wake) {
-        TEST_POINT();
-        pthread_cond_broadcast(&queue->queue_send);
-    }
     return status;
 }
 
@@ -510,20 +412,11 @@ status_t msgQSend(MSG_Q_ID queuePtr, char* msg, uint msglen, int wait, int pri)
     return status == OK ? OK : fail_with(status);
 }
 
-static void wake_senders(v2pt_mqueue_t* queue)
-{
-    TEST_POINT();
-    LOCK_SECTION(&queue->qfull_lock, queueFullHeld);
-    pthread_cond_broadcast(&queue->queue_space);
-    END_SECTION(queueFullHeld);
-}
-
 // A result without a status is the caller's: bytes, or ERROR where errno stays untouched.
 static STATUS receive_from(thread_record_t* me, v2pt_mqueue_t* queue, char* msgbuf, uint buflen,
                            int max_wait, int32_t* result)
 {
     STATUS status = OK;
-    bool wake = false;
 
     *result = ERROR;
     if (queue == nullptr) {
@@ -540,18 +433,13 @@ static STATUS receive_from(thread_record_t* me, v2pt_mqueue_t* queue, char* msgb
         status = S_msgQLib_INVALID_MSG_LENGTH;
     } else if (end_asked(me)) {
         status = S_objLib_OBJ_UNAVAILABLE;
-    } else if (queue->msg_count == 0) {
+    } else if (waiting_on_q_msg(queue, MSG_PRI_NORMAL) != 0) {
         status = wait_to_receive(me, queue, max_wait);
     }
     if (status == OK) {
         *result = static_cast<int32_t>(fetch_msg_from(queue, msgbuf));
-        wake = queue->senders_waiting > 0;
     }
     mqueue_unlock(queue);
-
-    if (wake) {
-        wake_senders(queue);
-    }
     return status;
 }
 
@@ -595,10 +483,15 @@ static bool mark_deleted(v2pt_mqueue_t* queue)
     return first;
 }
 
-static void wake_all(v2pt_mqueue_t* queue)
+// Makes the queue unknown; its record stays.
+static void delete_mqueue(v2pt_mqueue_t* queue)
 {
-    pthread_cond_broadcast(&queue->queue_send); // the mark was set with the receivers' lock
-    wake_senders(queue);
+    guard_take(queue);
+    q_msg_t* ring = queue->first_msg_in_queue;
+    queue->first_msg_in_queue = nullptr;
+    guard_give(queue);
+    unlink_qcb(queue);
+    ts_free(ring);
 }
 
 // Sleeps until the waiters have left; a caller that is itself told to end waits for nobody.
@@ -617,7 +510,8 @@ static void remove_marked(thread_record_t* me, v2pt_mqueue_t* queue)
 {
     const bool task_locked = task_lock_take(me);
     TEST_POINT();
-    wake_all(queue);
+    wake_all(receivers_of(queue));
+    wake_all(senders_of(queue));
     if (task_locked) {
         wait_for_departures(me, queue);
     }
