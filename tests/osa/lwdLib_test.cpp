@@ -306,6 +306,7 @@ static std::atomic<int> runs[2];
 static int ask_and_end(int which, int, int, int, int, int, int, int, int, int)
 {
     const bool first = runs[which] == 0;
+    EXPECT_EQ(taskIdVerify(taskIdSelf()), OK); // known by the new id, too
     for (int i = 0; first && i < tried.load()->asked; i++) {
         restart();
     }
