@@ -97,7 +97,7 @@ class daemon_process {
     int end(int signal)
     {
         int status = 0;
-        if (signal != 0) {
+        if (signal != 0 && pid > 0) { // 0 and -1 would be others
             kill(pid, signal);
         }
         EXPECT_EQ(waitpid(pid, &status, 0), pid);

@@ -111,8 +111,10 @@ struct process {
     }
     ~process()
     {
-        kill(pid, SIGKILL);
-        waitpid(pid, nullptr, 0);
+        if (pid > 0) { // -1 would be everybody
+            kill(pid, SIGKILL);
+            waitpid(pid, nullptr, 0);
+        }
     }
     pid_t pid;
 };
