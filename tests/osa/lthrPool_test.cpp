@@ -85,7 +85,7 @@ TEST_F(PoolTest, RefusesWhatItCannotDoAndWorksWithTheWorkersThereAre)
     EXPECT_EQ(post([] {}), ERROR);
     EXPECT_EQ(taskThrPoolDestroy(), ERROR);
     testing::internal::CaptureStderr();
-    fail_malloc(1);
+    fail_malloc(1, true);
     for (int32_t size : {0, -1, INT32_MIN, MOST_WORKERS + 1, INT32_MAX}) {
         EXPECT_EQ(taskThrPoolCreate(size), ERROR) << size;
         EXPECT_FALSE(failed());
