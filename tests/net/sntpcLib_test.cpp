@@ -361,17 +361,3 @@ TEST_F(SntpTest, ATaskThatHoldsItsEndOffGetsItsReply)
     EXPECT_TRUE(held_off);
     EXPECT_EQ(now.tv_sec, 9);
 }
-
-TEST_F(SntpTest, ADeletionAnywhereInACallLeavesNothingBehind)
-{
-    const auto before = open_files();
-    for (int round = 0; round < 200; round++) {
-        probe p;
-        const taskId_t id = start(&p);
-        EXPECT_TRUE(eventually([&] { return p.running.load(); }));
-        usleep(static_cast<useconds_t>(round % 20 * 10));
-        EXPECT_EQ(taskDelete(id), OK);
-        ASSERT_TRUE(eventually([&] { return p.ended.load(); }));
-    }
-    EXPECT_EQ(open_files(), before);
-}
