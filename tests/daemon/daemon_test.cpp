@@ -28,6 +28,9 @@ class daemon_process {
         int ends[2];
         EXPECT_EQ(pipe(ends), 0);
         pid = fork();
+        if (pid < 0) {
+            abort(); // or the signals meant for it would go to all processes, which is what -1 is
+        }
         if (pid == 0) {
             prctl(PR_SET_PDEATHSIG, SIGKILL); // a test that crashes leaves nothing behind
             dup2(ends[1], STDOUT_FILENO);

@@ -98,6 +98,9 @@ struct process {
         const std::string link = "/tmp/" + name;
         EXPECT_EQ(symlink("/bin/sleep", link.c_str()), 0);
         pid = fork();
+        if (pid < 0) {
+            abort(); // or the signals meant for it would go to all processes, which is what -1 is
+        }
         if (pid == 0) {
             execl(link.c_str(), first_argument.c_str(), "86397", nullptr);
             _exit(1);
