@@ -19,6 +19,7 @@
 // even when another queue has the record, costs the next waiter one look.
 //
 // A called waiter may find that others were faster; then it waits on, within the same deadline.
+// model/queue.pml goes through every order of these steps.
 //
 // A task that was deleted takes and puts nothing: it looks whether it is to end when it has the
 // guard, and a message that is sent after the deletion is put under the guard, too.
