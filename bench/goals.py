@@ -18,12 +18,15 @@ class Row:
 
 SECTIONS = {
     "Semaphores": [
-        Row("sem.binary", "binary: take and give, nobody waits", {"floor": 1.1}),
-        Row("sem.counting", "counting: take and give, nobody waits", {"floor": 1.1}),
-        Row("sem.mutex", "mutex: take and give", {"floor": 1.1}),
-        Row("sem.timed", "take with a time-out what is there, and give", {"floor": 1.1}),
-        Row("sem.empty", "take what is not there, without waiting", {"floor": 1.1}),
-        Row("sem.handover", "to another thread and back, one CPU", {"sem_t": 1.3}),
+        Row("sem.binary", "binary: take and give, nobody waits", {"sem_t": 1.0}),
+        Row("sem.counting", "counting: take and give, nobody waits", {"sem_t": 1.0}),
+        Row("sem.mutex", "mutex: take and give", {"floor": 1.25}),
+        Row("sem.timed", "take with a time-out what is there, and give", {"sem_t": 0.7}),
+        Row("sem.empty", "take what is not there, without waiting", {"sem_t": 1.8}),
+        Row("sem.late", "take what is not there, time-out in the past", {"sem_t": 0.3}),
+        Row("sem.handover", "to another thread and back, one CPU", {"sem_t": 1.25}),
+        Row("sem.crowd", "give to one of many, until it has it", {"sem_t": 1.5, "/1": 2.0},
+            "waiting"),
     ],
     "Message queues": [
         Row("queue.16", "send and receive 16 bytes, one thread",

@@ -1,4 +1,5 @@
-// Semaphores: taking and giving with nobody waiting, taking what is not there, and handing over.
+// Semaphores: taking and giving with nobody waiting, taking what is not there, handing over, and
+// giving to one of many that wait.
 #include "bench.h"
 
 #include "osaSem.h"
@@ -18,6 +19,7 @@ struct hnetd_binary {
     void take() { semTake(id, WAIT_FOREVER); }
     bool take_within_a_second() { return semTake(id, 100) == OK; }
     bool take_now() { return semTake(id, NO_WAIT) == OK; }
+    bool take_too_late() { return semTake(id, -2) == OK; }
     void give() { semGive(id); }
 };
 
@@ -103,6 +105,11 @@ struct posix {
         return sem_timedwait(&sem, &deadline) == 0;
     }
     bool take_now() { return sem_trywait(&sem) == 0; }
+    bool take_too_late()
+    {
+        static constexpr timespec passed = {1, 0};
+        return sem_timedwait(&sem, &passed) == 0;
+    }
     void give() { sem_post(&sem); }
 };
 
@@ -150,6 +157,42 @@ template <class Sem> void take_empty(benchmark::State& state)
     }
 }
 
+template <class Sem> void take_too_late(benchmark::State& state)
+{
+    static Sem sem(0);
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(sem.take_too_late());
+    }
+}
+
+// One give, until the thread that it woke says so; all the others sleep on.
+template <class Sem> void give_to_one_of(benchmark::State& state)
+{
+    Sem sem(0);
+    posix heard(0);
+    std::atomic<bool> last = false;
+    std::vector<std::thread> waiters;
+    for (int64_t i = 0; i < state.range(0); i++) {
+        waiters.emplace_back([&] {
+            do {
+                sem.take();
+                heard.give();
+            } while (!last.load());
+        });
+    }
+    for (auto _ : state) {
+        sem.give();
+        heard.take();
+    }
+    last = true;
+    for (size_t i = 0; i < waiters.size(); i++) {
+        sem.give();
+    }
+    for (std::thread& waiter : waiters) {
+        waiter.join();
+    }
+}
+
 template <class Sem> void hand_over(benchmark::State& state)
 {
     static Sem ping(0);
@@ -172,6 +215,7 @@ BENCHMARK(take_and_give<standard>)->Name("sem.binary/std::counting_semaphore");
 
 BENCHMARK(take_and_give<hnetd_counting>)->Name("sem.counting/hnetd");
 BENCHMARK(take_and_give<model>)->Name("sem.counting/floor");
+BENCHMARK(take_and_give<posix>)->Name("sem.counting/sem_t");
 
 BENCHMARK(lock_and_unlock<hnetd_mutex>)->Name("sem.mutex/hnetd");
 BENCHMARK(lock_and_unlock<recursive_mutex>)->Name("sem.mutex/floor");
@@ -187,6 +231,9 @@ BENCHMARK(take_empty<model>)->Name("sem.empty/floor");
 BENCHMARK(take_empty<posix>)->Name("sem.empty/sem_t");
 BENCHMARK(take_empty<standard>)->Name("sem.empty/std::counting_semaphore");
 
+BENCHMARK(take_too_late<hnetd_binary>)->Name("sem.late/hnetd");
+BENCHMARK(take_too_late<posix>)->Name("sem.late/sem_t");
+
 BENCHMARK(hand_over<hnetd_binary>)
     ->Name("sem.handover/hnetd")
     ->MeasureProcessCPUTime()
@@ -195,5 +242,27 @@ BENCHMARK(hand_over<model>)->Name("sem.handover/floor")->MeasureProcessCPUTime()
 BENCHMARK(hand_over<posix>)->Name("sem.handover/sem_t")->MeasureProcessCPUTime()->UseRealTime();
 BENCHMARK(hand_over<standard>)
     ->Name("sem.handover/std::counting_semaphore")
+    ->MeasureProcessCPUTime()
+    ->UseRealTime();
+
+BENCHMARK(give_to_one_of<hnetd_binary>)
+    ->Name("sem.crowd/hnetd")
+    ->Arg(1)
+    ->Arg(8)
+    ->Arg(64)
+    ->MeasureProcessCPUTime()
+    ->UseRealTime();
+BENCHMARK(give_to_one_of<model>)
+    ->Name("sem.crowd/floor")
+    ->Arg(1)
+    ->Arg(8)
+    ->Arg(64)
+    ->MeasureProcessCPUTime()
+    ->UseRealTime();
+BENCHMARK(give_to_one_of<posix>)
+    ->Name("sem.crowd/sem_t")
+    ->Arg(1)
+    ->Arg(8)
+    ->Arg(64)
     ->MeasureProcessCPUTime()
     ->UseRealTime();

@@ -270,6 +270,27 @@ class ParkedWaiters {
     std::vector<std::thread> threads;
 };
 
+// Given one by one, each finds that others sleep on; given at once, the first woken wakes the next.
+TEST(SemTest, TokensReachAllThatWait)
+{
+    SEM_ID id = semCCreate(0, 0);
+    for (const bool at_once : {false, true}) {
+        ParkedWaiters parked(id, 3);
+        EXPECT_EQ(record(id)->token_count, 0);
+        at_once ? pthread_mutex_lock(&record(id)->sem_lock) : 0;
+        for (int left = 2; left >= 0; left--) {
+            EXPECT_EQ(semGive(id), OK);
+            EXPECT_TRUE(at_once || eventually([&] { return waiters(id) == left; }));
+        }
+        at_once ? pthread_mutex_unlock(&record(id)->sem_lock) : 0;
+        EXPECT_TRUE(eventually([&] { return waiters(id) == 0; }));
+        EXPECT_EQ(semFlush(id), OK); // for those that were forgotten
+        EXPECT_EQ(parked.released(), 3);
+        EXPECT_EQ(record(id)->token_count, 0);
+    }
+    semDelete(id);
+}
+
 TEST(SemTest, FlushReleasesExactlyThoseWaitingNow)
 {
     SEM_ID id = semCCreate(0, 0);

@@ -1,7 +1,7 @@
 // Semaphores: binary, counting and mutual exclusion.
 //
 // A binary and a counting semaphore differ only in how their first count is formed; neither caps
-// it. Every give wakes all waiters and the first to run takes the token: there is no order among
+// it. A token wakes one of those that wait, and the first to run takes it: there is no order among
 // them. A mutex-kind semaphore is a recursive POSIX mutex with its owner and nesting.
 //
 // Options are accepted and ignored. Time-outs are ticks of msPerTick milliseconds: WAIT_FOREVER,
@@ -67,8 +67,8 @@ SEM_ID semMCreate(int opt);
 status_t semTake(SEM_ID semaphorePtr, int max_wait);
 
 /**
- * Puts a token back and wakes the waiters. A count of INT_MAX stays. A mutex-kind semaphore opens
- * only under its owner; for anybody else nothing happens, with the same result.
+ * Puts a token back and wakes a waiter, if any. A count of INT_MAX stays. A mutex-kind semaphore
+ * opens only under its owner; for anybody else nothing happens, with the same result.
  *
  * @return OK, or ERROR with errno S_objLib_OBJ_ID_ERROR for a null id
  */

@@ -50,14 +50,15 @@ static constexpr int SEND_DELETED = 2;
 typedef struct v2lsem {
     pthread_mutexattr_t sem_attr; // recursive
     pthread_mutex_t sem_lock;
-    pthread_cond_t sem_send;        // broadcast on give, flush and delete
+    pthread_cond_t sem_send;        // signalled on give, broadcast on flush and delete
     pthread_mutexattr_t mutex_attr; // recursive
     pthread_mutex_t mutex_lock;     // the lock that a mutex-kind semaphore is
     int flags;                      // SEM_KIND_, constant
-    int token_count;
-    int send_type;                 // SEND_DELETED while going away; 1, for flushed, never
+    int token_count;               // written with each change of tokens, for others to read; atomic
+    int send_type;                 // SEND_DELETED while going away, else 0; atomic, written locked
     int recursion_level;           // always 0: mutex_lock counts for itself
     struct v2lsem* nxt_sem;        // always null: semaphores are not registered
+    int tokens;                    // the count itself, see lsemLib.cpp; atomic
     int waiters;                   // tasks asleep on sem_send
     int users;                     // all that keep the record alive: its id, waiters, wakers
     unsigned int flush_generation; // moves with each flush; a waiter sees that it was flushed
