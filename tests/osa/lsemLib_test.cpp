@@ -117,6 +117,32 @@ TEST(SemTest, StressedDeletionOfTakersLosesNoTokenGivenAfterIt)
     EXPECT_TRUE(passes_in_child(give_after_deletion));
 }
 
+// Inside an operation a deleted task goes on for a while.
+TEST(SemTest, DeletedTasksTakeNothingOnTheirWayOut)
+{
+    SEM_ID id = semBCreate(0, SEM_EMPTY);
+    for (const int max_wait : {NO_WAIT, 1, WAIT_FOREVER}) {
+        std::atomic<int> step{0};
+        const taskId_t victim = spawn([&, max_wait] {
+            thread_record_t* me = op_enter();
+            step = 1;
+            while (step != 2) {
+                usleep(100);
+            }
+            expect_take(id, max_wait, S_objLib_OBJ_UNAVAILABLE);
+            step = 3;
+            op_leave(me);
+        });
+        ASSERT_TRUE(eventually([&] { return step == 1; }));
+        taskDelete(victim);
+        semGive(id);
+        step = 2;
+        ASSERT_TRUE(eventually([&] { return step == 3; }));
+        expect_take(id, NO_WAIT, 0);
+    }
+    semDelete(id);
+}
+
 TEST(SemTest, FirstCountsAreFormedByKind)
 {
     struct {
