@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cstdarg>
 #include <cstdio>
+#include <gtest/gtest.h>
 #include <mutex>
 
 static std::mutex lines_lock;
@@ -38,6 +39,16 @@ std::string log_texts()
     std::string all;
     for (const log_line& line : log_lines()) {
         all += line.text + "|";
+    }
+    return all;
+}
+
+std::string log_of(const std::string& tag)
+{
+    std::string all;
+    for (const log_line& line : log_lines()) {
+        EXPECT_EQ(line.tag, tag);
+        all += std::to_string(line.priority) + " " + line.text + "|";
     }
     return all;
 }

@@ -17,6 +17,9 @@ std::vector<log_line> log_lines();
 /** The texts alone, each closed with '|': "a|b|". */
 std::string log_texts();
 
+/** Each with its priority: "6 a|4 b|". All must have the tag; a test fails otherwise. */
+std::string log_of(const std::string& tag);
+
 void log_clear();
 
 /** Stops recording, for tests that log without end. */

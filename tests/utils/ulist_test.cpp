@@ -3,100 +3,112 @@
 #include "fail.h"
 #include "internal.h"
 #include "log_double.h"
+#include "osaSem.h"
 #include "uBm.h"
 
-#include <atomic>
 #include <cstring>
-#include <gtest/gtest.h>
-#include <string>
-#include <thread>
-#include <vector>
+#include <semaphore>
+#include <unistd.h>
 
-namespace {
+static char letters[][2] = {"A", "B", "C", "D", "X"};
+static char *const A = letters[0], *const B = letters[1], *const C = letters[2];
+static char *const D = letters[3], *const X = letters[4];
+static ulist_t* list;
+static std::string freed;
+static std::jthread holder;
+static std::atomic<bool> released; // by the holder
 
-char letters[][2] = {"A", "B", "C", "D", "X"};
-char* const A = letters[0];
-char* const B = letters[1];
-char* const C = letters[2];
-char* const D = letters[3];
-char* const X = letters[4];
-
-std::string content(ulist_t* list)
-{
-    std::string all;
-    for (int32_t pos = 0; !uListEol(list, pos); pos++) {
-        all += uListGet(list, pos);
-    }
-    return all;
-}
-
-/** A list of letters; what it holds at the end is dropped. */
-struct letter_list {
-    explicit letter_list(std::initializer_list<char*> elements) : list(uListInit(1))
-    {
-        for (char* element : elements) {
-            uListAppend(list, element);
-        }
-    }
-    ~letter_list()
-    {
-        while (uListRemove(list, 0) != nullptr) {
-        }
-        EXPECT_EQ(uListUninit(list), OK);
-    }
-    ulist_t* list;
-};
-
-std::string freed;
-ulist_t* shared;
-
-addr_t note_free(addr_t element)
+static addr_t note_free(addr_t element)
 {
     freed += element;
     return nullptr;
 }
 
-/** Proves that nobody holds the lock of a list: another thread uses it. */
-void use_elsewhere(ulist_t* list, addr_t element)
-{
-    std::thread([list, element] { uListAppend(list, element); }).join();
-}
-
-} // namespace
-
-TEST(List, InsertsAndRemovesAtEveryPosition)
-{
-    letter_list l({});
-    EXPECT_EQ(uListFirst(l.list), nullptr);
-    EXPECT_EQ(uListAppend(l.list, B), 1);
-    EXPECT_EQ(uListAdd(l.list, A, 0), 2);
-    EXPECT_EQ(uListAdd(l.list, D, 2), 3);
-    EXPECT_EQ(uListAdd(l.list, C, 2), 4);
-    EXPECT_EQ(uListAdd(l.list, X, 99), 5);
-    EXPECT_EQ(uListAdd(l.list, A, -1), 6);
-    EXPECT_EQ(content(l.list), "ABCDXA");
-    EXPECT_EQ(uListRemove(l.list, 5), A);
-    EXPECT_EQ(uListRemove(l.list, 2), C);
-    EXPECT_EQ(uListRemove(l.list, 0), A);
-    EXPECT_EQ(content(l.list), "BDX");
-    EXPECT_EQ(uListFirst(l.list), B);
-}
-
-TEST(List, AnswersNonsenseWithoutChange)
-{
-    letter_list l({A, B});
-    for (ulist_t* list : {l.list, static_cast<ulist_t*>(nullptr)}) {
-        for (int32_t pos : {-1, -2, 2, INT32_MIN, INT32_MAX}) {
-            EXPECT_EQ(uListGet(list, pos), nullptr) << pos;
-            EXPECT_EQ(uListRemove(list, pos), nullptr) << pos;
-            EXPECT_EQ(uListRemoveAndFree(list, pos, note_free), uListSize(list)) << pos;
-            EXPECT_TRUE(uListEol(list, pos)) << pos;
-        }
-        EXPECT_EQ(uListAdd(list, C, list == nullptr ? 0 : -2), -1);
-        EXPECT_EQ(uListAdd(list, nullptr, 0), -1);
-        EXPECT_EQ(uListSearch(list, nullptr, nullptr), -1);
+struct List : testing::Test {
+    List() { list = uListInit(1); }
+    ~List() override
+    {
+        hold({});
+        EXPECT_EQ(uListUninit(list), OK);
     }
-    EXPECT_EQ(content(l.list), "AB");
+    static void hold(std::initializer_list<char*> elements)
+    {
+        holder = {};
+        uListSpecialClear(list, note_free);
+        for (char* element : elements) {
+            uListAppend(list, element);
+        }
+        freed.clear();
+        log_clear();
+    }
+    static std::string content()
+    {
+        std::string all;
+        for (int32_t pos = 0; !uListEol(list, pos); pos++) {
+            all += uListGet(list, pos);
+        }
+        return all;
+    }
+};
+
+// Proves that nobody holds the lock of the list: another thread uses it.
+static void append_elsewhere(addr_t element)
+{
+    std::thread([element] { uListAppend(list, element); }).join();
+}
+
+// Another thread keeps the list for itself, for two milliseconds from now on.
+static void lock_elsewhere()
+{
+    static std::binary_semaphore held(0);
+    released = false;
+    holder = std::jthread([] {
+        semTake(list->lockSem, WAIT_FOREVER);
+        held.release();
+        usleep(2000);
+        released = true;
+        semGive(list->lockSem);
+        uListEol(list, 0); // looks without the lock, and races with nothing
+    });
+    held.acquire();
+}
+
+TEST_F(List, InsertsRemovesAndFindsAtEveryPosition)
+{
+    char same[] = "B";
+    EXPECT_EQ(uListFirst(list), nullptr);
+    int32_t size = 0;
+    for (auto [element, pos] : {std::pair{B, 0}, {A, 0}, {D, 2}, {C, 2}, {X, 5}, {+same, -1}}) {
+        EXPECT_EQ(uListAdd(list, element, pos), ++size);
+    }
+    EXPECT_EQ(content(), "ABCDXB");
+    EXPECT_EQ(uListSearch(list, same, nullptr), 5);
+    EXPECT_EQ(uListSearch(list, same, [](auto a, auto b) { return strcmp(a, b); }), 1);
+    EXPECT_EQ(uListSearch(list, same, [](auto, auto) { return 1; }), -1);
+    EXPECT_EQ(uListSearch(list, B, [](auto a, auto b) { return a > b ? 0 : 1; }), 2);
+    EXPECT_EQ(uListPosGetByElement(list, same + 1), -1);
+    EXPECT_EQ(uListRemove(list, 5), same);
+    EXPECT_EQ(uListRemove(list, 2), C);
+    EXPECT_EQ(uListRemove(list, 0), A);
+    EXPECT_EQ(content(), "BDX");
+    EXPECT_EQ(uListFirst(list), B);
+}
+
+TEST_F(List, AnswersNonsenseWithoutChange)
+{
+    hold({A, B});
+    for (ulist_t* each : {list, static_cast<ulist_t*>(nullptr)}) {
+        for (int32_t pos : {-1, -2, 2, INT32_MIN, INT32_MAX}) {
+            EXPECT_EQ(uListGet(each, pos), nullptr) << pos;
+            EXPECT_EQ(uListRemove(each, pos), nullptr) << pos;
+            EXPECT_EQ(uListRemoveAndFree(each, pos, note_free), each == nullptr ? -1 : 2) << pos;
+            EXPECT_TRUE(uListEol(each, pos)) << pos;
+        }
+        EXPECT_EQ(uListAdd(each, C, each == nullptr ? 0 : -2), -1);
+        EXPECT_EQ(uListAdd(each, nullptr, 0), -1);
+        EXPECT_EQ(uListSearch(each, nullptr, [](addr_t, addr_t) { return 0; }), -1);
+    }
+    EXPECT_EQ(content(), "AB");
     EXPECT_EQ(uListSize(nullptr), -1);
     EXPECT_EQ(uListFirst(nullptr), nullptr);
     EXPECT_EQ(uListPosGetByElement(nullptr, A), -1);
@@ -104,143 +116,106 @@ TEST(List, AnswersNonsenseWithoutChange)
     uListSpecialClear(nullptr, note_free);
 }
 
-TEST(List, FindsByIdentityAndByComparison)
+TEST_F(List, IsReleasedOnlyEmpty)
 {
-    char same[] = "B";
-    letter_list l({A, B, C, same});
-    const auto by_text = [](addr_t stored, addr_t element) { return strcmp(stored, element); };
-    const auto is_behind = [](addr_t stored, addr_t element) -> int32_t {
-        return stored > element ? 0 : 1; // tells which argument is which
-    };
-    EXPECT_EQ(uListSearch(l.list, same, nullptr), 3);
-    EXPECT_EQ(uListSearch(l.list, same, by_text), 1);
-    EXPECT_EQ(uListSearch(l.list, B, is_behind), 2);
-    EXPECT_EQ(uListSearch(l.list, X, by_text), -1);
-    EXPECT_EQ(uListPosGetByElement(l.list, X), -1);
-}
-
-TEST(List, IsReleasedOnlyEmpty)
-{
-    ulist_t* list = uListInit(0);
+    ulist_t* heap = uListInit(0);
     for (int i = 0; i < 3; i++) { // a leak or a double free shows under the address sanitizer
-        uListAppend(list, static_cast<addr_t>(uMalloc(8)));
+        uListAppend(heap, static_cast<addr_t>(uMalloc(8)));
     }
-    EXPECT_EQ(uListRemoveAndFree(list, 1, nullptr), 2);
-    log_clear();
-    EXPECT_EQ(uListUninit(list), ERROR);
-    EXPECT_EQ(log_texts(), "uListUninit: Uninit list that has nodes not free!|");
-    EXPECT_EQ(log_lines().front().priority, 6);
-    EXPECT_EQ(log_lines().front().tag, "quarn.utils.list");
-    uListSpecialClear(list, nullptr);
-    EXPECT_EQ(uListUninit(list), OK);
+    EXPECT_EQ(uListRemoveAndFree(heap, 1, nullptr), 2);
+    EXPECT_EQ(uListRemoveAndFree(heap, 1, nullptr), 1);
+    EXPECT_EQ(uListUninit(heap), ERROR);
+    EXPECT_EQ(log_of("quarn.utils.list"), "6 uListUninit: Uninit list that has nodes not free!|");
+    uListSpecialClear(heap, nullptr);
+    EXPECT_EQ(uListUninit(heap), OK);
 }
 
-TEST(List, StaysAsItWasWithoutMemory)
+TEST_F(List, StaysAsItWasWithoutMemory)
 {
+    hold({A, B});
     for (int nth : {1, 2}) {
         fail_malloc(nth);
         EXPECT_EQ(uListInit(1), nullptr) << nth;
     }
-    letter_list l({A, B});
-    freed.clear();
-    log_clear();
     fail_malloc(1);
-    EXPECT_EQ(uListAdd(l.list, C, 1), -1);
+    EXPECT_EQ(uListAdd(list, C, 1), -1);
     fail_malloc(1);
-    uListSpecialClear(l.list, note_free);
-    EXPECT_EQ(content(l.list), "AB");
-    EXPECT_EQ(log_texts(), "uListSpecialClear: init list error!|");
+    uListSpecialClear(list, note_free);
+    EXPECT_EQ(content(), "AB");
+    EXPECT_EQ(log_of("quarn.utils.list"), "6 uListSpecialClear: init list error!|");
     fail_malloc(2, true); // the elements themselves move without any
-    uListSpecialClear(l.list, note_free);
+    uListSpecialClear(list, note_free);
     fail_nothing();
     EXPECT_EQ(freed, "AB");
 }
 
-TEST(List, LetsCallersFunctionsUseIt)
+TEST_F(List, LetsCallersFunctionsUseIt)
 {
-    letter_list l({A, B, C});
-    shared = l.list;
-    freed.clear();
     const auto append_and_note = [](addr_t element) {
-        use_elsewhere(shared, X);
+        append_elsewhere(X);
         return note_free(element);
     };
-    uListSpecialClear(l.list, append_and_note);
-    EXPECT_EQ(uListRemoveAndFree(l.list, 0, append_and_note), 3);
+    hold({A, B, C});
+    uListSpecialClear(list, append_and_note);
+    EXPECT_EQ(uListRemoveAndFree(list, 0, append_and_note), 3);
     EXPECT_EQ(freed, "ABCX");
-    EXPECT_EQ(content(l.list), "XXX");
+    EXPECT_EQ(content(), "XXX");
 
     // The comparison removes what it was called for; the search goes on with the next position.
-    uListAppend(l.list, B);
-    const auto remove_and_compare = [](addr_t stored, addr_t element) -> int32_t {
-        use_elsewhere(shared, C);
-        if (stored == X) {
-            uListRemove(shared, 0);
-        }
-        return stored != element;
+    uListAppend(list, B);
+    const auto compare = [](addr_t stored, addr_t element) -> int32_t {
+        append_elsewhere(C);
+        return stored == X ? uListRemove(list, 0), 1 : stored != element;
     };
-    EXPECT_EQ(uListSearch(l.list, C, remove_and_compare), 2);
-    EXPECT_EQ(content(l.list), "XBCCC");
+    EXPECT_EQ(uListSearch(list, C, compare), 2);
+    EXPECT_EQ(content(), "XBCCC");
 }
 
-TEST(List, GetsBackWhatAThreadThatEndsDidNotFree)
+TEST_F(List, GetsBackWhatAThreadThatEndsDidNotFree)
 {
-    letter_list l({A, B, C, D});
-    shared = l.list;
-    freed.clear();
-    std::thread([] {
-        uListSpecialClear(shared, [](addr_t element) -> addr_t {
-            note_free(element);
-            if (element == B) {
-                uListAppend(shared, X);
-                pthread_exit(nullptr);
-            }
-            return nullptr;
-        });
-    }).join();
-    EXPECT_EQ(freed, "AB");
-    EXPECT_EQ(content(l.list), "CDX");
-
-    // Told to end before the first call: everything is put back in its place.
-    for (const bool clear : {false, true}) {
-        std::thread([clear] {
-            op_leave(op_enter());
-            record_ask_end(self_record);
-            clear ? uListSpecialClear(shared, note_free)
-                  : static_cast<void>(uListRemoveAndFree(shared, 1, note_free));
-        }).join();
-        EXPECT_EQ(freed, "AB");
-        EXPECT_EQ(content(l.list), "CDX");
-    }
-    use_elsewhere(l.list, A);
+    static constexpr uListSpecificFreeFuncPtr ends_at_b = [](addr_t element) {
+        note_free(element);
+        return *element == *B ? lock_elsewhere(), pthread_exit(nullptr), element : element;
+    };
+    static constexpr uListSpecificFreeFuncPtr is_told = [](addr_t element) {
+        lock_elsewhere();
+        record_ask_end(self_record);
+        return note_free(element);
+    };
+    const auto expect = [](void (*use)(), const std::string& gone, const std::string& left) {
+        hold({A, B, C, D});
+        released = true;
+        std::thread(use).join();
+        EXPECT_TRUE(released); // the lock was waited for
+        append_elsewhere(X);
+        EXPECT_EQ(freed, gone);
+        EXPECT_EQ(content(), left);
+    };
+    expect([] { uListSpecialClear(list, ends_at_b); }, "AB", "CDX");
+    expect([] { uListSpecialClear(list, is_told); }, "A", "BCDX");
+    expect(
+        [] {
+            uListGet(list, 0), record_ask_end(self_record), uListRemoveAndFree(list, 1, note_free);
+        },
+        "", "ABCDX");
+    hold({A});
+    std::thread(uListSpecialClear, list,
+                [](addr_t) -> addr_t { // the last may release the list
+                    uListUninit(list);
+                    pthread_exit(nullptr);
+                })
+        .join();
+    list = uListInit(1);
 }
 
-TEST(List, LosesNothingBetweenThreads)
+TEST_F(List, IsLeftAloneWhileItsLockIsHeld)
 {
-    constexpr int ROUNDS = 3000;
-    static std::atomic<int> taken;
-    letter_list l({});
-    std::vector<std::jthread> threads;
-
-    taken = 0;
-    for (int self = 0; self < 4; self++) {
-        threads.emplace_back([&l] {
-            for (int round = 0; round < ROUNDS; round++) {
-                uListAdd(l.list, A, round % 3 - 1);
-                if (!uListEol(l.list, 20)) {
-                    taken += uListRemove(l.list, round % 20) != nullptr;
-                }
-                if (round % 100 == 0) {
-                    uListSpecialClear(l.list, [](addr_t element) {
-                        taken++;
-                        return element;
-                    });
-                }
-            }
-        });
+    for (void (*use)() : std::initializer_list<void (*)()>{
+             [] { uListAdd(list, X, 1); }, [] { uListGet(list, 1); }, [] { uListRemove(list, 1); },
+             [] { uListPosGetByElement(list, C); }, [] { uListSpecialClear(list, note_free); }}) {
+        hold({A, B, C});
+        lock_elsewhere();
+        use();
+        EXPECT_TRUE(released);
     }
-    threads.clear();
-    const int32_t size = uListSize(l.list);
-    EXPECT_EQ(size + taken, 4 * ROUNDS);
-    EXPECT_EQ(content(l.list), std::string(static_cast<size_t>(size), 'A'));
 }

@@ -100,7 +100,8 @@ addr_t uListRemove(ulist_t* list, int32_t pos);
 /**
  * Takes the element at a position out, if there is one, and frees it.
  *
- * @param freeFunc  called with the element; null: uFree
+ * @param freeFunc  called with the element; null: uFree. It must not release the list, whose size
+ *                  is read when it has returned
  * @return the size afterwards, -1 for a null list
  *
  * A thread that is deleted before freeFunc is called leaves the element where it was; from the call
