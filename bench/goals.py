@@ -57,7 +57,7 @@ SECTIONS = {
             "alive"),
     ],
     "Memory": [
-        Row("pool.block", "a block of the pool: take and put back", {"floor": 1.1}),
+        Row("pool.block", "a block of the pool: take and put back", {"g_slice": 1.3}),
         Row("pool.zeroed", "zeroed memory: get and free", {"calloc": 1.0}, "bytes"),
     ],
     "Events": [

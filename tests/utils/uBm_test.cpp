@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <unistd.h>
 
 /** A pool on memory of its own, exactly as large as it has to be. */
 struct pool {
@@ -89,8 +90,37 @@ TEST(Pool, ToleratesNullAndMissingMemory)
     pool unlocked(1, 8);
     fail_nothing();
     EXPECT_EQ(unlocked.head.freePoolQ.lockSem, nullptr);
+    EXPECT_EQ(unlocked.head.freePoolQ.pooled, 0); // a word needs a semaphore to wait with
     uBmFree(uBmAlloc(&unlocked.head, 8));
     EXPECT_EQ(uBmAlloc(&unlocked.head, 8), unlocked.data(0));
+}
+
+// In a queue of one's own: who has taken its semaphore. In the free queue of a pool: who is in it.
+TEST(Pool, QueuesWaitForWhoHasThem)
+{
+    pool p(2, 8);
+    uQmQueue_t own;
+    uQmInit(&own);
+    for (uQmQueue_t* queue : {&own, &p.head.freePoolQ}) {
+        void* const blocks[] = {uBmAlloc(&p.head, 8), uBmAlloc(&p.head, 8)};
+        std::atomic<bool> done = false;
+        queue == &own ? semTake(own.lockSem, WAIT_FOREVER)
+                      : __atomic_exchange_n(&queue->held, 1, 5);
+        std::jthread other([&] {
+            uQmEnq(queue, blocks[1]);
+            done = true;
+        });
+        usleep(2000);
+        EXPECT_FALSE(done);
+        EXPECT_EQ(queue->headPtr, nullptr);
+        queue == &own ? uQmEnq(queue, blocks[0]) : uBmFree(nullptr); // recursive for its holder
+        queue == &own ? semGive(own.lockSem) : __atomic_exchange_n(&queue->held, 0, 5);
+        other.join();
+        EXPECT_EQ(semTake(queue->lockSem, NO_WAIT) + semGive(queue->lockSem), 2 * OK);
+        uBmFree(queue == &own ? uQmDeq(queue) : blocks[0]);
+        uBmFree(uQmDeq(queue));
+    }
+    semDelete(own.lockSem);
 }
 
 TEST(Pool, KeepsEveryBlockWhenThreadsRaceForTheLast)
@@ -98,7 +128,7 @@ TEST(Pool, KeepsEveryBlockWhenThreadsRaceForTheLast)
     pool p(3, sizeof(int));
     std::atomic<int> stolen = 0;
     together(4, [&](int self) {
-        for (int round = 0; round < 30'000; round++) {
+        for (int round = 0; round < 60'000; round++) {
             int* block = static_cast<int*>(uBmAlloc(&p.head, sizeof(int)));
             if (block != nullptr) {
                 *block = self;

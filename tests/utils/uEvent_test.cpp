@@ -211,8 +211,8 @@ static const struct {
     {[](int n) { n == 5 ? uEventUninit() : void(); }, numbers(0, 19), numbers(0, 5), "-"},
     {[](int n) { clear("e", n), care("e", n); }, numbers(0, 19), numbers(0, 19), numbers(0, 19)},
     {[](int n) { n == 3 ? pthread_exit(nullptr) : void(); }, "", "", numbers(0, 19)},
-    {[](int n) { n == 5 ? other = std::jthread(clear, "e", 6), usleep(2000) : 0; }, numbers(0, 19),
-     numbers(0, 19), numbers(0, 5) + numbers(7, 19)},
+    {[](int n) { n == 5 ? clear("e", 23), other = std::jthread(clear, "e", 6), usleep(2000) : 0; },
+     numbers(0, 19), numbers(0, 19), numbers(0, 5) + numbers(7, 19)},
     {raise_inside, numbers(0, 19), numbers(0, 2) + numbers(5, 7) + numbers(9, 19),
      numbers(0, 2) + numbers(5, 7) + numbers(9, 19)},
 };

@@ -9,7 +9,8 @@
 // The pool record and the region belong to the caller, who keeps both for as long as blocks are in
 // use; there is no operation to tear a pool down.
 //
-// Any thread may call any operation.
+// Any thread may call any operation. None of them waits but for a thread that is in the middle of
+// one with the same pool.
 #pragma once
 
 #include "uQm.h"

@@ -18,12 +18,20 @@
 extern "C" {
 #endif
 
-/** Queue. Guarded by lockSem; whether it is empty may be seen without it. */
+/**
+ * Queue. Guarded by lockSem; whether it is empty may be seen without it. Who has taken lockSem, by
+ * semTake, has the queue to itself over several operations.
+ *
+ * The free queue of a pool is guarded by a word of its own instead (`held`), and lockSem is what
+ * threads that find the word held wait with: having taken it keeps nobody out of that queue.
+ */
 typedef struct uQmQueue {
-    SEM_ID lockSem; // mutual exclusion; null: a queue that works without a lock
-    void* headPtr;  // data of the first block, null when empty; atomic, written locked
-    void* tailPtr;  // data of the last block, null when empty
-    uint16_t count; // blocks in the queue, modulo 65,536
+    SEM_ID lockSem;  // mutual exclusion; null: a queue that works without a lock
+    void* headPtr;   // data of the first block, null when empty; atomic, written locked
+    void* tailPtr;   // data of the last block, null when empty
+    uint16_t count;  // blocks in the queue, modulo 65,536
+    uint16_t pooled; // own: 1 in the free queue of a pool; constant
+    int32_t held;    // own: 1 while a thread is in such a queue; atomic
 } uQmQueue_t;
 
 static_assert(offsetof(uQmQueue_t, headPtr) == 8 && offsetof(uQmQueue_t, tailPtr) == 16);

@@ -39,6 +39,7 @@ void uBmInitHeap(uBmHostHeap_t* heapHeader, uint32_t numBuf, uint32_t sizeBuf, v
     heapHeader->numFreeBuf = numBuf;
     heapHeader->lowWaterMark = numBuf;
     uQmInit(&heapHeader->freePoolQ);
+    heapHeader->freePoolQ.pooled = heapHeader->freePoolQ.lockSem != nullptr;
     if (basePtr != nullptr) {
         queue_blocks(heapHeader, static_cast<char*>(basePtr));
     }

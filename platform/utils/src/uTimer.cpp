@@ -99,6 +99,7 @@ static bool uTimerBmMgrInit(int32_t timerTotal) REQUIRES(creationHeld)
     uint8_t* line = uTimerPool + CACHE_LINE - reinterpret_cast<uintptr_t>(uTimerPool) % CACHE_LINE;
     uBmInitHeap(&bmMgrTimerPoolHdr, blocks, sizeof(uTimerNode_t), line);
     // An unlocked pool, which uBmInitHeap makes without memory for the lock, would not be safe.
+    bmMgrTimerPoolHdr.freePoolQ.pooled = 0; // its lock is timerMutex
     if (bmMgrTimerPoolHdr.freePoolQ.lockSem == nullptr) {
         bmMgrTimerPoolHdr = {};
         uFree(uTimerPool);
