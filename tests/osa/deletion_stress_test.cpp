@@ -1,11 +1,10 @@
 // Tasks deleted at random instants, in everything they can be doing. Afterwards the process must
 // be as it was: every lock free, every count right, nothing allocated.
-#include "internal.h"
 #include "osaMsg.h"
 #include "osaSem.h"
-#include "osaTask.h"
-#include "task_probe.h"
+#include "osaWd.h"
 #include "log_double.h"
+#include "task_test.h"
 #include "uEvent.h"
 #include "uTimer.h"
 #include "ulist.h"
@@ -14,26 +13,15 @@
 
 #include <algorithm>
 #include <random>
+#include <signal.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
 
-#if defined(__SANITIZE_THREAD__)
-static constexpr int DELETIONS = 2000;
-#else
-static constexpr int DELETIONS = 10000;
-#endif
+static constexpr int DELETIONS = TSAN ? 2000 : 10000;
 static constexpr int DELETERS = 3;
 
-// Sanitizers keep freed memory back and slow a loaded machine down beyond any bound.
-#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
-static constexpr bool PLAIN = false;
-#else
-static constexpr bool PLAIN = true;
-#endif
-
-// What the victims share. Mutex-kind semaphores are only waited for: one that a deleted task
-// holds stays locked, as it must.
+// What the victims share.
 static SEM_ID empty_sem, busy_sem, held_mutex;
 static MSG_Q_ID empty_queue, full_queue, busy_queue;
 static ulist_t* shared_list;
@@ -50,13 +38,23 @@ static int32_t event_seen(char*, void*, int32_t*, size_t)
 
 static taskId_t spawn_victim(int kind, int nth);
 
+enum { LOCK_WAITER, MUTEX_WAITER, RESTARTER, SLEEPER };
+
 // What a victim does over and over again.
 static constexpr void (*STEPS[])() = {
-    [] { taskLock(); }, // held by somebody else
+    [] { taskLock(); }, // held by the deleter, as is the mutex
+    [] { semTake(held_mutex, WAIT_FOREVER); },
+    [] {
+        mask_exit_signal(SIG_BLOCK); // or it might end with the lock in its hands
+        pthread_mutex_lock(&task_list_lock);
+        task_t* own = my_task();
+        pthread_mutex_unlock(&task_list_lock);
+        mask_exit_signal(SIG_UNBLOCK);
+        selfRestart(own);
+    },
     [] { taskDelay(100000); },
     [] { semTake(empty_sem, WAIT_FOREVER); },
     [] { semTake(empty_sem, 100000); },
-    [] { semTake(held_mutex, WAIT_FOREVER); },
     [] { msgQReceive(empty_queue, word, sizeof word, WAIT_FOREVER); },
     [] { msgQReceive(empty_queue, word, sizeof word, 100000); },
     [] { msgQSend(full_queue, word, sizeof word, WAIT_FOREVER, MSG_PRI_NORMAL); },
@@ -86,18 +84,14 @@ static constexpr void (*STEPS[])() = {
         taskPriorityGet(0, &priority);
     },
     [] {
-#if defined(__SANITIZE_THREAD__)
-        taskIdVerify(0); // the sanitizer delivers signals at calls it knows
-#else
+        TSAN ? taskIdVerify(0) : OK; // the sanitizer delivers signals at calls it knows
         for (int i = 0; i < 1000; i++) {
             __asm__ volatile("");
         }
-#endif
     },
-    [] { taskDelete(spawn_victim(1, -1)); }, // which sleeps
+    [] { taskDelete(spawn_victim(SLEEPER, -1)); },
 };
 static constexpr int KINDS = static_cast<int>(std::size(STEPS));
-static constexpr int LOCK_KIND = 0;
 
 // Of each victim, for a late one must not speak for the next.
 static probe probes[DELETIONS];
@@ -130,7 +124,6 @@ static void make_shared()
     full_queue = msgQCreate(1, sizeof word, 0);
     busy_queue = msgQCreate(2, sizeof word, 0);
     msgQSend(full_queue, word, sizeof word, NO_WAIT, MSG_PRI_NORMAL);
-    semTake(held_mutex, WAIT_FOREVER);
     shared_list = uListInit(1);
     uTimerInit(0);
 }
@@ -142,10 +135,10 @@ static void delete_many(int first, int end)
         const probe& p = probes[nth];
         const int kind = static_cast<int>(random() % KINDS);
         const bool at_once = random() % 8 == 0; // before it begins, or just then
-        const bool lock = kind == LOCK_KIND && !at_once;
-        if (lock) {
-            taskLock();
-        }
+        const bool lock = kind == LOCK_WAITER && !at_once;
+        // A mutex that a deleted task has stays locked, and a restart must not find its task.
+        const bool mutex = kind == MUTEX_WAITER || kind == RESTARTER;
+        lock ? taskLock() : mutex ? semTake(held_mutex, WAIT_FOREVER) : OK;
         const taskId_t id = spawn_victim(kind, nth);
         if (!at_once) {
             while (!p.running) {
@@ -158,9 +151,10 @@ static void delete_many(int first, int end)
         }
         const int64_t deleted_at = now_ns();
         ASSERT_EQ(taskDelete(id), OK);
-        if (lock) {
-            usleep(100);
-            taskUnlock();
+        if (lock || mutex) {
+            usleep(random() % 100);
+            kind == RESTARTER ? process_wdog() : (void)0;
+            lock ? taskUnlock() : semGive(held_mutex);
         }
         if (!at_once) {
             ASSERT_TRUE(eventually([&] { return p.ended.load(); })) << "kind " << kind;
@@ -186,12 +180,6 @@ static void delete_sleepers()
 // Each of these hangs or fails if a lock is held by nobody or a count is wrong.
 static void expect_all_clean()
 {
-    pthread_mutex_lock(&task_list_lock);
-    EXPECT_EQ(task_list, nullptr);
-    pthread_mutex_unlock(&task_list_lock);
-    EXPECT_EQ(taskLock(), OK);
-    taskUnlock();
-    semGive(held_mutex);
     std::thread([] { semTake(held_mutex, WAIT_FOREVER), semGive(held_mutex); }).join();
     for (SEM_ID sem : {empty_sem, busy_sem}) {
         EXPECT_EQ(reinterpret_cast<v2lsem_t*>(sem)->waiters, 0);
@@ -224,20 +212,20 @@ static void expect_all_clean()
     uEventUninit();
 }
 
+using DeletionStress = TaskTest;
+
 static long percentile_99(int64_t (&times)[DELETIONS])
 {
     std::sort(times, std::end(times));
     return static_cast<long>(times[DELETIONS / 100 * 99]);
 }
 
-TEST(DeletionStress, LeavesNothingBehind)
+TEST_F(DeletionStress, LeavesNothingBehind)
 {
     static constexpr int SHARE = DELETIONS / DELETERS / 2;
     int64_t resident = 0;
     log_ignore();
     make_shared();
-    std::thread([] {}).join(); // the first thread of all brings a sanitizer's own with it
-    const int threads_before = threads_at_rest();
     for (int half = 0; half < 2; half++) {
         stdout_capture quiet;
         resident = resident_bytes();
@@ -248,21 +236,18 @@ TEST(DeletionStress, LeavesNothingBehind)
         }
         deleters.clear();
         delete_sleepers();
+        process_wdog(); // what was asked for last
     }
-    ASSERT_TRUE(eventually([=] {
+    ASSERT_TRUE(eventually([this] {
         delete_sleepers(); // a victim that was deleted at once may be spawning yet
-        return thread_count() == threads_before;
+        return thread_count() <= threads_before;
     }));
-    if (PLAIN) { // 5,000 kept stacks would be far more
+    if (!SANITIZED) { // 5,000 kept stacks would be far more
         EXPECT_LT(resident_bytes() - resident, 16 << 20);
     }
 
     expect_all_clean();
-    const long ended = percentile_99(took);
-    const long awake = percentile_99(late);
-    std::printf("deletion took effect within %ld us, a sleep ended %ld us late (99 %%)\n",
-                ended / 1000, awake / 1000);
-    if (PLAIN) { // a busy machine delays both
-        EXPECT_LT(ended, 10000000 + 30 * awake);
+    if (!SANITIZED) { // a busy machine delays both
+        EXPECT_LT(percentile_99(took), 10000000 + 30 * percentile_99(late));
     }
 }

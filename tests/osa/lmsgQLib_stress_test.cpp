@@ -16,10 +16,8 @@
 // Share of the work where everything takes longer.
 #if defined(HNETD_TEST_POINTS)
 static constexpr int SHARE = 20;
-#elif defined(__SANITIZE_THREAD__)
-static constexpr int SHARE = 4;
 #else
-static constexpr int SHARE = 1;
+static constexpr int SHARE = TSAN ? 4 : 1;
 #endif
 
 class MsgQStress : public testing::Test {

@@ -133,17 +133,13 @@ TEST(MsgQTest, UnknownIdsAreRefusedUnread)
         send(id, "x", MSG_PRI_NORMAL, WAIT_FOREVER, S_objLib_OBJ_ID_ERROR);
         EXPECT_EQ(console.text(), "msgQSend not found");
         expect_none(id, WAIT_FOREVER, id == nullptr ? 0 : S_objLib_OBJ_ID_ERROR);
-        errno = 0;
-        EXPECT_EQ(msgQNumMsgs(id), -1);
-        EXPECT_EQ(errno, 0);
-        EXPECT_EQ(msgQDelete(id), ERROR);
-        EXPECT_EQ(errno, S_objLib_OBJ_ID_ERROR);
+        EXPECT_EQ(code_of([=] { return msgQNumMsgs(id); }), 0);
+        EXPECT_EQ(code_of([=] { return msgQDelete(id); }), S_objLib_OBJ_ID_ERROR);
     }
     MSG_Q_ID id = msgQCreate(1, 8, 0);
     EXPECT_EQ(msgQSafeDelete(&id), OK);
     EXPECT_EQ(id, nullptr);
-    EXPECT_EQ(msgQSafeDelete(&id), ERROR);
-    EXPECT_EQ(errno, S_objLib_OBJ_ID_ERROR);
+    EXPECT_EQ(code_of([&] { return msgQSafeDelete(&id); }), S_objLib_OBJ_ID_ERROR);
     EXPECT_EQ(msgQSafeDelete(nullptr), ERROR);
 }
 
@@ -155,9 +151,8 @@ TEST(MsgQTest, LengthsAreCheckedAndNullsCopyNothing)
     send(id, "-bcd");
     send(id, "five!", MSG_PRI_URGENT, WAIT_FOREVER, S_msgQLib_INVALID_MSG_LENGTH);
     EXPECT_EQ(msgQSend(id, buffer, UINT_MAX, NO_WAIT, MSG_PRI_URGENT), ERROR);
-    errno = 0;
-    EXPECT_EQ(msgQReceive(id, buffer, 3, WAIT_FOREVER), -1);
-    EXPECT_EQ(errno, S_msgQLib_INVALID_MSG_LENGTH);
+    EXPECT_EQ(code_of([&] { return msgQReceive(id, buffer, 3, WAIT_FOREVER); }),
+              S_msgQLib_INVALID_MSG_LENGTH);
     EXPECT_EQ(console.text(), "msglen > queue->msg_len\nmsglen > queue->msg_len\n"
                               "buflen < queue->msg_len   dd \n");
     EXPECT_EQ(msgQReceive(id, nullptr, 4, NO_WAIT), 0); // thrown away

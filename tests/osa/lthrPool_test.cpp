@@ -1,6 +1,5 @@
 #include "fail.h"
-#include "osaTask.h"
-#include "task_probe.h"
+#include "task_test.h"
 
 #include <gtest/gtest.h>
 
@@ -62,22 +61,15 @@ struct gate {
     }
 };
 
-class PoolTest : public testing::Test {
+class PoolTest : public TaskTest {
   protected:
-    static void SetUpTestSuite()
-    {
-        std::thread([] {}).join(); // the first thread of all brings a sanitizer's own with it
-        usleep(20000);             // and may linger
-        threads_before = threads_at_rest();
-    }
     void TearDown() override
     {
         fail_nothing();
         taskThrPoolDestroy();
-        EXPECT_TRUE(eventually([] { return thread_count() <= threads_before; }));
+        TaskTest::TearDown();
         bodies.clear();
     }
-    static inline int threads_before = 0;
 };
 
 TEST_F(PoolTest, RefusesWhatItCannotDoAndWorksWithTheWorkersThereAre)

@@ -1,12 +1,17 @@
 #include "task_probe.h"
 
+#include <gtest/gtest.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
 #include <mutex>
 #include <pthread.h>
+#include <signal.h>
 #include <sys/mman.h>
+#include <thread>
 #include <time.h>
 #include <unistd.h>
 
@@ -44,6 +49,7 @@ int thread_count()
 
 int threads_at_rest()
 {
+    std::thread([] {}).join(); // the first thread of all brings a sanitizer's own with it
     int least = thread_count();
     for (int look = 0; look < 10; look++) {
         usleep(500);
@@ -60,6 +66,21 @@ int64_t resident_bytes()
     const int fields = fscanf(file, "%ld %ld", &size, &resident);
     fclose(file);
     return fields == 2 ? resident * sysconf(_SC_PAGESIZE) : -1;
+}
+
+void mask_exit_signal(int how)
+{
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGUSR1);
+    pthread_sigmask(how, &signals, nullptr);
+}
+
+int code_of(const std::function<int()>& call)
+{
+    errno = 0;
+    EXPECT_EQ(call(), ERROR);
+    return errno;
 }
 
 static void mark_ended(void* arg)

@@ -9,6 +9,15 @@
 #include <functional>
 #include <string>
 
+// Sanitizers keep freed memory back and slow a loaded machine down beyond any bound.
+#if defined(__SANITIZE_THREAD__)
+constexpr bool TSAN = true, SANITIZED = true;
+#elif defined(__SANITIZE_ADDRESS__)
+constexpr bool TSAN = false, SANITIZED = true;
+#else
+constexpr bool TSAN = false, SANITIZED = false;
+#endif
+
 /** Nanoseconds of the monotonic clock. */
 int64_t now_ns();
 
@@ -18,11 +27,17 @@ bool eventually(const std::function<bool()>& holds, int limit_ms = 10000);
 /** Threads of this process. */
 int thread_count();
 
-/** The same once threads that were joined are gone, which may take a moment longer. */
+/** The same once threads that were joined are gone, and those that a sanitizer starts have come. */
 int threads_at_rest();
 
 /** Resident memory of this process in bytes. */
 int64_t resident_bytes();
+
+/** SIG_BLOCK: the calling thread blocks the signal that ends tasks. SIG_UNBLOCK: it lets it in. */
+void mask_exit_signal(int how);
+
+/** Expects a call to return ERROR, and returns the code that it sets, or 0. */
+int code_of(const std::function<int()>& call);
 
 /** A point in a thread's life that another thread waits for. */
 struct probe {
