@@ -40,23 +40,36 @@ static void wait_for_word(uQmQueue_t* queue)
     own_sem_give(queue->lockSem);
 }
 
+/** The longer ways, apart from the one that a pool's blocks go. */
+[[gnu::noinline]] static void lock_slowly(uQmQueue_t* queue)
+{
+    if (queue->pooled != 0) {
+        wait_for_word(queue);
+    } else if (queue->lockSem != nullptr) {
+        own_sem_take(queue->lockSem);
+    }
+}
+
+[[gnu::noinline]] static void unlock_sem(uQmQueue_t* queue)
+{
+    if (queue->lockSem != nullptr) {
+        own_sem_give(queue->lockSem);
+    }
+}
+
 static void uQmLock(uQmQueue_t* queueHeader) ACQUIRES(queueHeld) UNCHECKED
 {
-    if (queueHeader->pooled != 0) {
-        if (__builtin_expect(!try_word(queueHeader), 0)) {
-            wait_for_word(queueHeader);
-        }
-    } else if (queueHeader->lockSem != nullptr) {
-        own_sem_take(queueHeader->lockSem);
+    if (__builtin_expect(queueHeader->pooled == 0 || !try_word(queueHeader), 0)) {
+        lock_slowly(queueHeader);
     }
 }
 
 static void uQmUnlock(uQmQueue_t* queueHeader) RELEASES(queueHeld) UNCHECKED
 {
-    if (queueHeader->pooled != 0) {
+    if (__builtin_expect(queueHeader->pooled == 0, 0)) {
+        unlock_sem(queueHeader);
+    } else {
         store_release(&queueHeader->held, 0);
-    } else if (queueHeader->lockSem != nullptr) {
-        own_sem_give(queueHeader->lockSem);
     }
 }
 
