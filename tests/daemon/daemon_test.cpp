@@ -4,45 +4,48 @@
 
 #include <chrono>
 #include <csignal>
+#include <fcntl.h>
 #include <filesystem>
 #include <fstream>
-#include <poll.h>
+#include <iterator>
 #include <set>
 #include <sstream>
 #include <string>
+#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
-#include <vector>
 
-using std::chrono::steady_clock;
 using names = std::set<std::string>;
 
-static constexpr auto LIMIT = std::chrono::seconds(60);
+static bool eventually(const auto& holds)
+{
+    using std::chrono::steady_clock;
+    const auto deadline = steady_clock::now() + std::chrono::seconds(60);
+    while (!holds() && steady_clock::now() < deadline) {
+        usleep(10'000);
+    }
+    return holds();
+}
 
 class daemon_process {
   public:
     /** Starts it, with the variable NAME=value in its environment. */
     explicit daemon_process(const std::string& variable = "", const char* libraries = PROBE_DIR)
     {
-        int ends[2];
-        EXPECT_EQ(pipe(ends), 0);
+        fcntl(output, F_SETFL, O_APPEND); // such a file has no lock for its position
         pid = fork();
         if (pid < 0) {
             abort(); // or the signals meant for it would go to all processes, which is what -1 is
         }
         if (pid == 0) {
             prctl(PR_SET_PDEATHSIG, SIGKILL); // a test that crashes leaves nothing behind
-            dup2(ends[1], STDOUT_FILENO);
-            close(ends[0]);
-            close(ends[1]);
+            dup2(output, STDOUT_FILENO);
             setenv("LD_LIBRARY_PATH", libraries, 1);
             putenv(const_cast<char*>(variable.c_str()));
             execl(HNETD, HNETD, nullptr);
             _exit(127);
         }
-        close(ends[1]);
-        output = ends[0];
     }
 
     ~daemon_process()
@@ -53,31 +56,30 @@ class daemon_process {
         close(output);
     }
 
-    /** Reads on, if need be, until there is a line that holds a text. */
-    void await(const std::string& text)
+    /** What came on its standard output so far. */
+    std::string all() const
     {
-        const auto deadline = steady_clock::now() + LIMIT;
-        while (all.find('\n', all.find(text)) == std::string::npos) {
-            ASSERT_TRUE(read_some(deadline)) << "no \"" << text << "\" in\n" << all;
-        }
+        std::ifstream file("/proc/self/fd/" + std::to_string(output)); // with a place of its own
+        return {std::istreambuf_iterator<char>(file), {}};
     }
 
-    void read_for(std::chrono::milliseconds time)
+    /** Waits until there is a whole line that holds a text. */
+    void await(const std::string& text) const
     {
-        const auto deadline = steady_clock::now() + time;
-        while (read_some(deadline)) {
-        }
+        const auto there = [&] {
+            const std::string now = all();
+            return now.find('\n', now.find(text)) != std::string::npos;
+        };
+        ASSERT_TRUE(eventually(there)) << "no \"" << text << "\" in\n" << all();
     }
 
-    /** All lines read so far that begin like this. */
-    std::vector<std::string> lines(const std::string& beginning) const
+    /** All lines so far that hold a text. */
+    std::string lines(const std::string& text) const
     {
-        std::vector<std::string> chosen;
-        std::istringstream text(all);
-        for (std::string line; std::getline(text, line);) {
-            if (line.rfind(beginning, 0) == 0) {
-                chosen.push_back(line);
-            }
+        std::string chosen;
+        std::istringstream whole(all());
+        for (std::string line; std::getline(whole, line);) {
+            chosen += line.find(text) != std::string::npos ? line + "\n" : "";
         }
         return chosen;
     }
@@ -109,32 +111,14 @@ class daemon_process {
     }
 
     pid_t pid = 0;
-    std::string all; // what came on its standard output so far
 
   private:
-    bool read_some(steady_clock::time_point deadline)
-    {
-        const auto left =
-            std::chrono::ceil<std::chrono::milliseconds>(deadline - steady_clock::now());
-        pollfd readable = {output, POLLIN, 0};
-        char text[4096];
-        if (left.count() <= 0 || poll(&readable, 1, static_cast<int>(left.count())) != 1) {
-            return false;
-        }
-        const ssize_t size = read(output, text, sizeof text);
-        all.append(text, size > 0 ? static_cast<size_t>(size) : 0);
-        return size > 0;
-    }
-
-    int output = -1;
+    int output = memfd_create("output", MFD_CLOEXEC);
 };
 
 static void expect_threads(const daemon_process& daemon, const names& expected)
 {
-    const auto deadline = steady_clock::now() + LIMIT;
-    while (daemon.threads() != expected && steady_clock::now() < deadline) {
-        usleep(10'000);
-    }
+    eventually([&] { return daemon.threads() == expected; });
     EXPECT_EQ(daemon.threads(), expected);
 }
 
@@ -156,8 +140,7 @@ TEST(DaemonTest, ShowsItselfAtWorkUntilCtrlC)
     expect_threads(daemon, {"hnetd", binder, "callManager", "tUsrRoot", "tExcTask", "tAsyncCall",
                             "tDemoSend", "tDemoReceive", "tDemoReport", "tDemoNet",
                             "tDemoSntpServer", "tDemoInspect"});
-    EXPECT_EQ(daemon.all.find("not reached"), std::string::npos);
-    EXPECT_EQ(daemon.all.find("deleted timer"), std::string::npos);
+    EXPECT_EQ(daemon.lines("not reached") + daemon.lines("deleted timer"), "");
 
     const int status = daemon.end(SIGINT);
     EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGINT) << status;
@@ -169,47 +152,43 @@ TEST(DaemonTest, StartsInOrderAndEndsWhenThePoolIsLeft)
 
     daemon.await("net: hnetInit on tUsrRoot");
     daemon.await("net: with exception task, no arguments, exit value 0, host table 1, log 0");
-    daemon.read_for(LIMIT); // until the pipe closes
-    EXPECT_EQ(daemon.lines("proxy:"), std::vector<std::string>{"proxy: SIGPIPE ignored"});
-    EXPECT_EQ(daemon.lines("binder:"),
-              (std::vector<std::string>{"binder: held, 2", "binder: held, 3",
-                                        "binder: startThreadPool", "binder: let go, 2",
-                                        "binder: joinThreadPool 1", "binder: let go, 1"}));
-    const std::vector<std::string> counts = daemon.lines("threads ");
-    ASSERT_EQ(counts.size(), 2U);
-    EXPECT_GT(std::stoi(counts[1].substr(8)), std::stoi(counts[0].substr(8)))
-        << "the service thread starts between the proxy service and the pool";
     const int status = daemon.end(0);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    EXPECT_EQ(daemon.lines("proxy:"), "proxy: SIGPIPE ignored\n");
+    EXPECT_EQ(daemon.lines("binder:"),
+              "binder: held, 2\nbinder: held, 3\nbinder: startThreadPool\nbinder: let go, 2\n"
+              "binder: joinThreadPool 1\nbinder: let go, 1\n");
+    int before = 0;
+    int after = 0;
+    EXPECT_EQ(sscanf(daemon.lines("threads ").c_str(), "threads %d threads %d", &before, &after),
+              2);
+    EXPECT_GT(after, before) << "the service thread starts between the proxy service and the pool";
 }
 
 // Nothing but four threads runs until a library asks, and each starts the next.
 TEST(DaemonTest, GoesOnWithoutTheThreadsThatCannotBeCreated)
 {
+    static const std::string END =
+        " exception task, no arguments, exit value 0, host table 1, log 0";
     const struct {
-        const char* victim; // which cannot create others
-        const char* seen;
-        const char* unseen;
+        std::string victim, seen, unseen; // the victim cannot create others
         names threads;
     } cases[] = {
         {"hnetd", "binder: joinThreadPool 1", "net:", {"hnetd"}},
         {"callManager", "net: the pump runs", "net: hnetInit", {"hnetd", "callManager"}},
-        {"tUsrRoot",
-         "net: without exception task, no arguments, exit value 0, host table 1, log 0",
-         "net: with exception task",
-         {"hnetd", "callManager", "tUsrRoot"}},
+        {"tUsrRoot", "net: without" + END, "net: with ", {"hnetd", "callManager", "tUsrRoot"}},
         {"nobody",
-         "net: with exception task",
-         "net: without exception task",
+         "net: with" + END,
+         "net: without",
          {"hnetd", "callManager", "tUsrRoot", "tExcTask"}},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.victim);
-        daemon_process daemon(std::string("HNETD_NO_THREAD=") + c.victim);
+        daemon_process daemon("HNETD_NO_THREAD=" + c.victim);
         daemon.await(c.seen);
-        daemon.read_for(std::chrono::seconds(1));
+        sleep(1);
         expect_threads(daemon, c.threads);
-        EXPECT_EQ(daemon.lines(c.unseen), std::vector<std::string>());
+        EXPECT_EQ(daemon.lines(c.unseen), "");
     }
 }
 

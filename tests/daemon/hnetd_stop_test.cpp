@@ -31,22 +31,13 @@ extern "C" int __wrap___halden_log_print(int, const char*, const char*, ...)
 static MSG_Q_ID queue;
 static SEM_ID sem;
 
-static int32_t on_event(char*, void*, int32_t*, size_t)
-{
-    return 0;
-}
-
-static int nothing(void*)
-{
-    return OK;
-}
-
 // Uses something of every module.
 static int busy()
 {
     static char event[] = "BUSY";
     char message[16] = "";
     WDOG_ID watchdog = wdCreate();
+    const auto nothing = reinterpret_cast<FUNCPTR>(+[](void*) { return OK; });
 
     for (;;) {
         msgQSend(queue, message, sizeof message, 1, MSG_PRI_NORMAL);
@@ -54,9 +45,10 @@ static int busy()
         semGive(sem);
         msgQReceive(queue, message, sizeof message, 1);
         uTimerDel(uTimerAdd(nullptr, nullptr, 10));
-        uAsyncCall(reinterpret_cast<FUNCPTR>(nothing), nullptr);
-        wdStart(watchdog, 1, reinterpret_cast<FUNCPTR>(nothing), nullptr);
-        uEventCare(event, on_event, nullptr);
+        uAsyncCall(nothing, nullptr);
+        wdStart(watchdog, 1, nothing, nullptr);
+        uEventCare(
+            event, [](char*, void*, int32_t*, size_t) { return 0; }, nullptr);
         uEventRaise(event, nullptr, 0);
     }
 }

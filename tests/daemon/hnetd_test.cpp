@@ -7,6 +7,7 @@
 #include "osaMsg.h"
 #include "osaTask.h"
 #include "osaWd.h"
+#include "uBm.h"
 #include "uTimer.h"
 
 #include "fail.h"
@@ -16,16 +17,13 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <deque>
-#include <iterator>
 #include <string>
 #include <sys/prctl.h>
-#include <utility>
 #include <vector>
 
-static std::string calls;           // what was called, each closed with '|'
-static std::deque<uint32_t> cycles; // what the next cycles measure; 50 ms after that
-static std::vector<std::pair<int, uint32_t>> checks; // cycle and argument of checktimeoutCb
+static std::string calls;            // what was called, each closed with '|'
+static std::vector<uint32_t> cycles; // what the first cycles measure; 50 ms after that
+static std::string checks;           // "cycle:argument " of each checktimeoutCb
 static int cycles_run = 0;
 static int stop_after = 0;       // the cycle whose timers clear the running flag
 static time_t clock_reading = 0; // seconds that gettimeofday gave last
@@ -43,17 +41,13 @@ static std::string thread_name()
     return name;
 }
 
-// The contexts, which the product never frees: it makes one, but each test another.
+// The context, which the product never frees: it makes one, but each test another.
 extern "C" void* __real_uMalloc(uint32_t num_bytes);
-static void* contexts[16] = {};
-static size_t context_count = 0;
-static bool no_memory = false;
-
 extern "C" void* __wrap_uMalloc(uint32_t num_bytes)
 {
-    void*& context = contexts[context_count++ % std::size(contexts)];
-    context = no_memory ? nullptr : __real_uMalloc(num_bytes);
-    return context;
+    static void* context = nullptr;
+    uFree(context);
+    return context = __real_uMalloc(num_bytes);
 }
 
 extern "C" int __wrap_gettimeofday(struct timeval* tv, void*)
@@ -72,12 +66,8 @@ extern "C" int __wrap_usleep(useconds_t us)
 extern "C" uint32_t __wrap_uTimerAdjust(struct timeval t1, struct timeval t2)
 {
     note("adjust " + std::to_string(t1.tv_sec) + " " + std::to_string(t2.tv_sec));
-    if (cycles.empty()) {
-        return 50;
-    }
-    const uint32_t elapsed = cycles.front();
-    cycles.pop_front();
-    return elapsed;
+    const auto cycle = static_cast<size_t>(cycles_run);
+    return cycle < cycles.size() ? cycles[cycle] : 50;
 }
 
 extern "C" void __wrap_uTimerRun(int32_t gap)
@@ -90,7 +80,7 @@ extern "C" void __wrap_uTimerRun(int32_t gap)
 
 extern "C" void __wrap_checktimeoutCb(uint32_t elapses)
 {
-    checks.emplace_back(cycles_run, elapses);
+    checks += std::to_string(cycles_run) + ":" + std::to_string(elapses) + " ";
 }
 
 extern "C" taskId_t __wrap_taskSpawn(char* name, int, int, int, FUNCPTR entry, int, int, int, int,
@@ -141,7 +131,6 @@ class HnetdTest : public testing::Test {
         fail_thread(1);
         ASSERT_EQ(hnetdStart(), -1);
         ASSERT_TRUE(failed());
-        fail_nothing();
         calls.clear();
         cycles.clear();
         checks.clear();
@@ -160,14 +149,12 @@ class HnetdTest : public testing::Test {
 TEST(HnetdStartTest, WithoutMemoryNoThreadIsStartedAndStoppingIsHarmless)
 {
     hnetdStop();
-    no_memory = true;
     fail_thread(1);
+    fail_malloc(1);
     EXPECT_EQ(hnetdStart(), -1);
-    no_memory = false;
     pthread_t thread;
     const auto nothing = [](void*) -> void* { return nullptr; };
     EXPECT_EQ(pthread_create(&thread, nullptr, nothing, nullptr), EAGAIN) << "a thread was created";
-    fail_nothing();
     hnetdStop();
 }
 
@@ -185,17 +172,15 @@ TEST_F(HnetdTest, ACycleSpansTheSleepAgesTheTimersByItAndIsTheLastAfterAStop)
 
 TEST_F(HnetdTest, AbsoluteTimersAreLookedAtEveryThirtySecondsOfPumpTime)
 {
-    using check = std::pair<int, uint32_t>;
     pump(1200);
-    EXPECT_EQ(checks, (std::vector<check>{{600, 30'000}, {1200, 30'000}}));
+    EXPECT_EQ(checks, "600:30000 1200:30000 ");
 
     // What goes beyond 30 s is handed over whole and does not count again; the last cycle, which
     // stops the pump, does all of its work.
     SetUp();
     cycles = {10'999, 10'999, 7'999, 10'999, 10'999, 10'999, 8'001, 1};
     pump(8);
-    EXPECT_EQ(cycles_run, 8);
-    EXPECT_EQ(checks, (std::vector<check>{{4, 40'996}, {8, 30'000}}));
+    EXPECT_EQ(checks, "4:40996 8:30000 ");
 }
 
 TEST_F(HnetdTest, TheFrameSpawnsTheRootTaskPumpsAndEndsTheProcess)

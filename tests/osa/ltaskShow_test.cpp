@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <barrier>
 #include <cstring>
 #include <dirent.h>
 #include <fstream>
@@ -24,12 +25,9 @@ static std::atomic<int> commands{0};
 static std::atomic<int> overlapping{0};
 static std::string status_text; // what fopen gives for such a status file; "-": a failure
 static const char* status_of = "/task/";
-static const char* closed_directory = nullptr;
+static const char* closed_directory = "none";
 static bool lists_nobody = false;
 static bool reads_fail = false;
-
-extern "C" FILE* __real_fopen(const char*, const char*);
-extern "C" DIR* __real_opendir(const char*);
 
 static void write_file(const std::string& path, const std::string& text)
 {
@@ -66,6 +64,7 @@ extern "C" ssize_t __wrap_read(int file, void* bytes, size_t size)
     return reads_fail ? -1 : __real_read(file, bytes, size);
 }
 
+extern "C" FILE* __real_fopen(const char*, const char*);
 extern "C" FILE* __wrap_fopen(const char* path, const char* mode)
 {
     if (status_text.empty() || strstr(path, status_of) == nullptr) {
@@ -74,9 +73,10 @@ extern "C" FILE* __wrap_fopen(const char* path, const char* mode)
     return status_text == "-" ? nullptr : fmemopen(status_text.data(), status_text.size(), "r");
 }
 
+extern "C" DIR* __real_opendir(const char*);
 extern "C" DIR* __wrap_opendir(const char* path)
 {
-    const bool closed = closed_directory != nullptr && strstr(path, closed_directory) != nullptr;
+    const bool closed = strstr(path, closed_directory) != nullptr;
     return closed ? nullptr : __real_opendir(lists_nobody ? "/proc/self/ns" : path);
 }
 
@@ -136,7 +136,7 @@ class InspectionTest : public testing::Test {
     {
         hook = nullptr;
         status_text = "";
-        closed_directory = nullptr;
+        closed_directory = "none";
     }
     static inline bool isolated = false;
 };
@@ -278,25 +278,24 @@ static void expect_check(std::string name, TASK_STATUS_T* thread, int result, st
 
 TEST_F(InspectionTest, UpToAHundredRegisteredThreadsAreChecked)
 {
-    std::counting_semaphore<> end(0);
-    std::atomic<int> registered = 0;
+    std::barrier meeting(151);
     taskNeedCheck();
     taskNeedCheck(); // twice is looked at twice
     std::vector<std::jthread> threads;
     for (int i = 0; i < 150; i++) {
         threads.emplace_back([&] {
             taskNeedCheck();
-            registered++;
-            end.acquire();
+            meeting.arrive_and_wait();
+            meeting.arrive_and_wait();
         });
     }
-    ASSERT_TRUE(eventually([&] { return registered == 150; }));
+    meeting.arrive_and_wait();
     EXPECT_EQ(checkTaskStatusNum, 100);
     EXPECT_EQ(taskListCheck(), 0);
     for (const TASK_STATUS_T& entry : taskStatus) {
         EXPECT_EQ(entry.exist, 1);
     }
-    end.release(150);
+    meeting.arrive_and_wait();
     threads.clear();
     stdout_capture out;
     EXPECT_TRUE(eventually([] { return taskListCheck() == getpid() && taskStatus[2].exist == 0; }));
@@ -364,21 +363,19 @@ TEST_F(InspectionTest, StatusFilesAreReadByTheirKeys)
 
 TEST_F(InspectionTest, ShowsATaskInOneLine)
 {
-    char line[200];
     char expected[200];
     task_t task = {};
-    FILE* out = fmemopen(line, sizeof line, "w");
+    stdout_capture out;
     task.pthrid = 0x7f1200abcdefUL;
     task.prv_priority.sched_priority = 3;
     pthread_attr_init(&task.attr);
     pthread_attr_setschedpolicy(&task.attr, SCHED_RR);
-    taskShow(out, &task);
-    EXPECT_EQ(taskList(out, 1), 0); // prints nothing
-    fclose(out);
+    taskShow(stdout, &task);
+    EXPECT_EQ(taskList(stdout, 1), 0); // prints nothing
     snprintf(expected, sizeof expected,
              "  0xabcdef %10p   NULLTASK th:abcdef SCHED_RR  pri 0  prv_pri 3 \n",
              static_cast<void*>(&task));
-    EXPECT_STREQ(line, expected);
+    EXPECT_EQ(out.text(), expected);
     pthread_attr_destroy(&task.attr);
 }
 

@@ -31,6 +31,45 @@ static int add(const std::vector<int>& fds)
         std::count_if(fds.begin(), fds.end(), [](int fd) { return logFdAdd(fd) == OK; }));
 }
 
+static std::atomic<int> messages = 0;
+
+static int count_message(char*, int, int, int, int, int, int)
+{
+    return messages++;
+}
+
+static int check_message(char* fmt, int a, int b, int c, int d, int e, int f)
+{
+    EXPECT_STREQ(fmt, "%s %d\n");
+    EXPECT_EQ((std::vector{a, b, c, d, e, f}), (std::vector{1, -2, 3, 4, 5, 6}));
+    std::thread([] { setExLogCallBack(count_message); }).join(); // no lock is held
+    return -7;
+}
+
+// First of all, while nobody has called logInit.
+TEST(LogTest, TableNeedsItsSemaphoreAndMessagesOnlyACallback)
+{
+    const auto log = [] { return logMsg(const_cast<char*>("%s %d\n"), 1, -2, 3, 4, 5, 6); };
+    errno = 0;
+    EXPECT_EQ(logFdAdd(3), ERROR);
+    EXPECT_EQ(errno, S_objLib_OBJ_ID_ERROR);
+    EXPECT_EQ(log(), 1);
+    setExLogCallBack(check_message);
+    EXPECT_EQ(log(), 1);
+    EXPECT_EQ(exLogCallBack, count_message);
+    fail_malloc(1);
+    EXPECT_EQ(logInit(1, 100), OK); // takes the callback out
+    EXPECT_TRUE(failed());
+    EXPECT_EQ(logFdAdd(3), ERROR);
+    EXPECT_EQ(logInit(1, 100), OK);
+    EXPECT_EQ(drain(), "1");
+    setExLogCallBack(check_message);
+    EXPECT_EQ(log() + log(), 2);
+    logInit(1, 100);
+    EXPECT_EQ(log(), 1);
+    EXPECT_EQ(messages, 1);
+}
+
 TEST(LogTest, TableHoldsFiveAndSettingReplacesTheDefaultAndNoOther)
 {
     logInit(1, 100);
@@ -53,50 +92,6 @@ TEST(LogTest, TableHoldsFiveAndSettingReplacesTheDefaultAndNoOther)
     EXPECT_EQ(add({1}), 1);
     logFdSet(2); // takes out nothing, for that 1 is somebody else's
     EXPECT_EQ(drain(), "13456");
-}
-
-static std::atomic<int> messages = 0;
-
-static int count_message(char*, int, int, int, int, int, int)
-{
-    return messages++;
-}
-
-static int check_message(char* fmt, int a, int b, int c, int d, int e, int f)
-{
-    EXPECT_STREQ(fmt, "%s %d\n");
-    EXPECT_EQ((std::vector{a, b, c, d, e, f}), (std::vector{1, -2, 3, 4, 5, 6}));
-    std::thread([] { setExLogCallBack(count_message); }).join(); // no lock is held
-    return -7;
-}
-
-// In a process of its own, where nobody called logInit yet.
-TEST(LogDeathTest, TableNeedsItsSemaphoreAndMessagesOnlyACallback)
-{
-    const auto body = [] {
-        const auto log = [] { return logMsg(const_cast<char*>("%s %d\n"), 1, -2, 3, 4, 5, 6); };
-        errno = 0;
-        EXPECT_EQ(logFdAdd(3), ERROR);
-        EXPECT_EQ(errno, S_objLib_OBJ_ID_ERROR);
-        EXPECT_EQ(log(), 1);
-        setExLogCallBack(check_message);
-        EXPECT_EQ(log(), 1);
-        EXPECT_EQ(exLogCallBack, count_message);
-        fail_malloc(1);
-        EXPECT_EQ(logInit(1, 100), OK); // takes the callback out
-        EXPECT_TRUE(failed());
-        EXPECT_EQ(logFdAdd(3), ERROR);
-        EXPECT_EQ(logInit(1, 100), OK);
-        EXPECT_EQ(drain(), "1");
-        setExLogCallBack(check_message);
-        EXPECT_EQ(log() + log(), 2);
-        logInit(1, 100);
-        EXPECT_EQ(log(), 1);
-        EXPECT_EQ(messages, 1);
-        _exit(HasFailure() ? 1 : 0);
-    };
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
-    EXPECT_EXIT(body(), testing::ExitedWithCode(0), "");
 }
 
 // Tasks that end in the middle of it leave the table whole and open to others.
@@ -131,7 +126,6 @@ TEST(Pipe, IsAFifoAndAnExistingFileWillDo)
     char dir[] = "/tmp/pipeXXXXXX";
     ASSERT_NE(mkdtemp(dir), nullptr);
     std::string name = std::string(dir) + "/fifo";
-    std::string missing = std::string(dir) + "/missing/fifo";
     struct stat info;
     const mode_t mask = umask(022);
     EXPECT_EQ(pipeDevCreate(name.data(), 1, 1), OK);
@@ -143,7 +137,7 @@ TEST(Pipe, IsAFifoAndAnExistingFileWillDo)
         EXPECT_EQ(pipeDevDelete(gone, 0), OK);
     }
     EXPECT_NE(stat(name.c_str(), &info), 0);
-    EXPECT_EQ(pipeDevCreate(missing.data(), 1, 1), ERROR);
+    EXPECT_EQ(pipeDevCreate((name + "/missing").data(), 1, 1), ERROR);
     EXPECT_EQ(errno, ENOENT);
     EXPECT_EQ(pipeDevCreate(nullptr, 1, 1), ERROR);
     rmdir(dir);
@@ -156,11 +150,10 @@ static ssize_t (*volatile line_of)(char**, size_t*, FILE*) = getline;
 
 TEST(Replaced, GetlineFillsTheCallersBufferWhichMustHaveRoom)
 {
-    struct {
-        size_t room;
-        const char* line; // nullptr: refused, or the end
-    } const reads[] = {{1, nullptr}, {0, nullptr}, {16, "abc\n"},     {4, "abc"},   {4, "def"},
-                       {4, "gh\n"},  {2, "l"},     {SIZE_MAX, "ast"}, {16, nullptr}};
+    // Room and line; null: refused, or the end.
+    const std::pair<size_t, const char*> reads[] = {{1, nullptr}, {0, nullptr},      {16, "abc\n"},
+                                                    {4, "abc"},   {4, "def"},        {4, "gh\n"},
+                                                    {2, "l"},     {SIZE_MAX, "ast"}, {16, nullptr}};
     char text[] = "abc\nabcdefgh\nlast";
     FILE* file = fmemopen(text, strlen(text), "r");
     char buffer[16] = "kept";
@@ -172,11 +165,10 @@ TEST(Replaced, GetlineFillsTheCallersBufferWhichMustHaveRoom)
     errno = 0;
     EXPECT_EQ(line_of(&none, &room, file), -1);
     EXPECT_EQ(errno, EINVAL);
-    for (const auto& read : reads) {
-        const std::string expected = read.line != nullptr ? read.line : std::string(buffer);
-        const ssize_t length = read.line != nullptr ? static_cast<ssize_t>(expected.size()) : -1;
-        room = read.room;
-        EXPECT_EQ(line_of(&start, &room, file), length) << expected;
+    for (auto [given, line] : reads) {
+        const std::string expected = line != nullptr ? line : buffer;
+        const ssize_t length = line != nullptr ? static_cast<ssize_t>(expected.size()) : -1;
+        EXPECT_EQ(line_of(&start, &given, file), length) << expected;
         EXPECT_EQ(buffer, expected);
     }
     fclose(file);

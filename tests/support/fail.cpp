@@ -4,7 +4,6 @@
 #include <cstddef>
 #include <pthread.h>
 
-extern "C" void* __real_malloc(size_t size);
 extern "C" int __real_pthread_create(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
 
 struct countdown {
@@ -49,6 +48,7 @@ bool failed()
 {
     return has_failed;
 }
+
 int malloc_calls()
 {
     return calls;
@@ -66,32 +66,21 @@ static bool malloc_fails()
 
 #ifdef FAIL_ALL
 // Defined in the program, these are the whole process's. A sanitizer has its own behind them.
-#define SANITIZER(name) __interceptor_##name
-#define REAL(name)      (SANITIZER(name) != nullptr ? SANITIZER(name) : __libc_##name)
+#define ALLOCATION(name, parameters, ...)                                                          \
+    void* __libc_##name parameters;                                                                \
+    [[gnu::weak]] void* __interceptor_##name parameters;                                           \
+    void* name parameters                                                                          \
+    {                                                                                              \
+        const auto real = __interceptor_##name != nullptr ? __interceptor_##name : __libc_##name;  \
+        return malloc_fails() ? nullptr : real(__VA_ARGS__);                                       \
+    }
 extern "C" {
-void* __libc_malloc(size_t size);
-void* __libc_calloc(size_t count, size_t size);
-void* __libc_realloc(void* block, size_t size);
-[[gnu::weak]] void* SANITIZER(malloc)(size_t size);
-[[gnu::weak]] void* SANITIZER(calloc)(size_t count, size_t size);
-[[gnu::weak]] void* SANITIZER(realloc)(void* block, size_t size);
-
-void* malloc(size_t size)
-{
-    return malloc_fails() ? nullptr : REAL(malloc)(size);
-}
-
-void* calloc(size_t count, size_t size)
-{
-    return malloc_fails() ? nullptr : REAL(calloc)(count, size);
-}
-
-void* realloc(void* block, size_t size)
-{
-    return malloc_fails() ? nullptr : REAL(realloc)(block, size);
-}
+ALLOCATION(malloc, (size_t size), size)
+ALLOCATION(calloc, (size_t count, size_t size), count, size)
+ALLOCATION(realloc, (void* block, size_t size), block, size)
 }
 #else
+extern "C" void* __real_malloc(size_t size);
 extern "C" void* __wrap_malloc(size_t size)
 {
     return malloc_fails() ? nullptr : __real_malloc(size);

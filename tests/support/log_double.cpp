@@ -24,7 +24,7 @@ int __halden_log_print(int priority, const char* tag, const char* format, ...)
     va_end(args);
 
     std::lock_guard<std::mutex> guard(lines_lock);
-    lines.push_back({priority, tag, format, text});
+    lines.push_back({priority, tag, text});
     return 0;
 }
 

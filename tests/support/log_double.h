@@ -7,8 +7,7 @@
 struct log_line {
     int priority;
     std::string tag;
-    std::string format; // as the caller passed it
-    std::string text;   // formatted
+    std::string text; // formatted
 };
 
 /** Lines logged since the last log_clear, oldest first. */

@@ -3,7 +3,7 @@
 #include "hnetd.h"
 
 #include <cstddef>
-#include <cstring>
+#include <cstdio>
 
 int hnetInit(void)
 {
@@ -12,8 +12,6 @@ int hnetInit(void)
 
 extern "C" char* uStrnSafeCopy(char* dst, size_t size, const char* src, size_t count)
 {
-    const size_t length = strnlen(src, count < size ? count : size - 1);
-    memcpy(dst, src, length);
-    dst[length] = '\0';
+    snprintf(dst, size, "%.*s", static_cast<int>(count), src);
     return dst;
 }

@@ -12,14 +12,11 @@
 #include <signal.h>
 #include <sys/mman.h>
 #include <thread>
-#include <time.h>
 #include <unistd.h>
 
 int64_t now_ns()
 {
-    timespec t;
-    clock_gettime(CLOCK_MONOTONIC, &t);
-    return t.tv_sec * 1000000000LL + t.tv_nsec;
+    return std::chrono::steady_clock::now().time_since_epoch() / std::chrono::nanoseconds(1);
 }
 
 bool eventually(const std::function<bool()>& holds, int limit_ms)
@@ -34,17 +31,22 @@ bool eventually(const std::function<bool()>& holds, int limit_ms)
     return true;
 }
 
-// Not by listing /proc/self/task: a listing ends early when the thread it stands at ends.
-int thread_count()
+static int status_of_process(const char* format)
 {
     FILE* file = fopen("/proc/self/status", "r");
     char line[256];
-    int count = -1;
-    while (count < 0 && fgets(line, sizeof line, file) != nullptr) {
-        sscanf(line, "Threads: %d", &count);
+    int value = -1;
+    while (value < 0 && fgets(line, sizeof line, file) != nullptr) {
+        sscanf(line, format, &value);
     }
     fclose(file);
-    return count;
+    return value;
+}
+
+// Not by listing /proc/self/task: a listing ends early when the thread it stands at ends.
+int thread_count()
+{
+    return status_of_process("Threads: %d");
 }
 
 int threads_at_rest()
@@ -60,12 +62,7 @@ int threads_at_rest()
 
 int64_t resident_bytes()
 {
-    FILE* file = fopen("/proc/self/statm", "r");
-    long size = 0;
-    long resident = 0;
-    const int fields = fscanf(file, "%ld %ld", &size, &resident);
-    fclose(file);
-    return fields == 2 ? resident * sysconf(_SC_PAGESIZE) : -1;
+    return status_of_process("VmRSS: %d") * int64_t{1024};
 }
 
 void mask_exit_signal(int how)
@@ -83,17 +80,14 @@ int code_of(const std::function<int()>& call)
     return errno;
 }
 
-static void mark_ended(void* arg)
-{
-    probe* p = static_cast<probe*>(arg);
-    p->ended_at = now_ns();
-    p->ended = true;
-}
-
 // At load: a thread that is deleted here must not leave a half-initialised static behind.
 static const pthread_key_t probe_key = [] {
     pthread_key_t key;
-    pthread_key_create(&key, mark_ended);
+    pthread_key_create(&key, [](void* arg) {
+        probe* p = static_cast<probe*>(arg);
+        p->ended_at = now_ns();
+        p->ended = true;
+    });
     return key;
 }();
 
@@ -108,15 +102,10 @@ using body_t = std::function<void()>;
 static std::mutex spawn_lock;
 static std::atomic<body_t*> handed_over{nullptr};
 
-static void delete_body(void* body)
-{
-    delete static_cast<body_t*>(body);
-}
-
 static int run_body(int, int, int, int, int, int, int, int, int, int)
 {
     body_t* body = handed_over;
-    pthread_cleanup_push(delete_body, body);
+    pthread_cleanup_push([](void* own) { delete static_cast<body_t*>(own); }, body);
     handed_over = nullptr;
     (*body)();
     pthread_cleanup_pop(1);
