@@ -11,6 +11,7 @@ set(HNETD_SOURCES
   platform/utils/src/ulist.cpp
   platform/osa/resolvLib.cpp
   platform/osa/linux/src/addressSet.cpp
+  platform/osa/linux/src/deltaList.cpp
   platform/osa/linux/src/hostLib.cpp
   platform/osa/linux/src/ifLib.cpp
   platform/osa/linux/src/internal.cpp

@@ -30,14 +30,19 @@ unsigned free_blocks()
 /** Takes the service back to where it is in a new process, but for the next id. */
 void forget_service(uint32_t next_id = 1) UNCHECKED
 {
-    uFree(timerList);
     uFree(uTimerPool);
     semDelete(timerMutex);
-    timerList = nullptr;
+    service_created = false;
+    timerList = {.links = no_links};
+    no_links[0] = {};
+    passes = nullptr;
+    ids_came_round = false;
+    timers_word = {};
     uTimerPool = nullptr;
     timerMutex = nullptr;
     bmMgrTimerPoolHdr = {};
-    idle_word = 0;
+    id_chains = no_chains;
+    id_shift = 31;
     uTimerId = next_id;
     log_clear();
 }
@@ -51,7 +56,8 @@ class TimerTest : public ::testing::Test {
 } // namespace
 
 // Adds, deletions, refreshes and passes at random, beside a list of deadlines that does the same
-// the plain way: a timer goes in front of its equals, and a refresh needs one more for a moment.
+// the plain way: a timer goes in front of its equals, a refresh needs one more for a moment, and an
+// id means the first that has it.
 TEST_F(TimerTest, AgreesWithAPlainModel)
 {
     struct entry {
@@ -68,17 +74,19 @@ TEST_F(TimerTest, AgreesWithAPlainModel)
         const auto later = [left](const entry& timer) { return timer.left >= left; };
         model.insert(std::find_if(model.begin(), model.end(), later), {id, left});
     };
-    const auto remove = [&model](uint32_t id) {
-        return std::erase_if(model, [id](const entry& timer) { return timer.id == id; }) != 0;
+    const auto find = [&model](uint32_t id) {
+        return std::find_if(model.begin(), model.end(),
+                            [id](const entry& e) { return e.id == id; });
     };
 
+    forget_service(UINT32_MAX - 2000);
     uTimerRun(0);
     fail_malloc(1, true);
-    for (uint32_t step = 0, next_id = 1; step < 6000; step++) {
+    for (uint32_t step = 0, next_id = uTimerId; step < 200'000; step++) {
         const int32_t timeout = int32_t(pick(60)) * 5 - 5;
         const int32_t gap = int32_t(pick(30)) - 5;
         const bool known = !model.empty() && pick(8) != 0;
-        const uint32_t id = known ? model[pick(model.size())].id : pick(next_id + 5);
+        const uint32_t id = known ? model[pick(model.size())].id : pick(size_t{next_id} + 5);
         const bool accepted = model.size() < 300 && timeout >= 0;
         const uint32_t what = pick(64);
         std::vector<void*> expected;
@@ -94,22 +102,37 @@ TEST_F(TimerTest, AgreesWithAPlainModel)
             }
         } else if (what < 7) {
             uTimerDel(id);
-            remove(id);
+            if (find(id) != model.end()) {
+                model.erase(find(id));
+            }
         } else if (what < 19) {
             uTimerRefresh(id, timeout);
-            if (accepted && remove(id)) {
+            if (accepted && find(id) != model.end()) {
+                model.erase(find(id));
                 insert(id, timeout);
             }
         } else {
             ASSERT_EQ(uTimerAdd(note_id, as_param(next_id), timeout), accepted ? next_id : 0);
             if (accepted) {
-                insert(next_id++, timeout);
+                insert(next_id, timeout);
+                next_id = next_id == UINT32_MAX ? 1 : next_id + 1;
             }
+        }
+        if (step % 1000 == 0 && step > 20'000 && !model.empty()) { // once round: ids in use
+            next_id = uTimerId = model[pick(model.size())].id;
         }
         ASSERT_EQ(ran, expected) << step;
         ASSERT_EQ(free_blocks(), 300 - model.size());
         for (size_t at = 0; at < model.size(); at += step % 50 == 0 ? 1 : 97) {
-            ASSERT_EQ(uTimerRemainGet(model[at].id), model[at].left) << step;
+            ASSERT_EQ(uTimerRemainGet(model[at].id), find(model[at].id)->left) << step;
+        }
+        uint32_t number = delta_first(&timerList);
+        int64_t before = 0;
+        for (size_t at = 0; step % 50 == 0 && at < model.size(); at++) {
+            ASSERT_EQ(node_of(number)->timerId, model[at].id);
+            ASSERT_EQ(node_of(number)->expires, model[at].left - before);
+            before = model[at].left;
+            number = delta_next(&timerList, number);
         }
     }
     EXPECT_EQ(malloc_calls(), 0);
@@ -176,6 +199,7 @@ TEST_F(TimerTest, EachExpiredTimerMakesRoomForTheNextCallback)
     EXPECT_EQ(logged(), "6 timer malloc failed! timerListSize=0\n|");
     uTimerRun(5);
     EXPECT_EQ(fire_count, 598);
+    EXPECT_EQ(free_blocks(), 300U);
 }
 
 TEST_F(TimerTest, AThreadThatEndsInAPassLosesNothing)
@@ -190,7 +214,7 @@ TEST_F(TimerTest, AThreadThatEndsInAPassLosesNothing)
     std::thread([] { uTimerRun(50); }).join();
     EXPECT_EQ(fired, "one ");
     EXPECT_EQ(free_blocks(), 297U);
-    EXPECT_EQ(uListSize(timerList), 3);
+    EXPECT_EQ(timerList.size, 3U);
     EXPECT_EQ(uTimerRemainGet(late), 50);
     uTimerDel(fourth); // it is armed again, and can be deleted
     std::thread([] {
@@ -217,10 +241,9 @@ TEST_F(TimerTest, IsCreatedOnceAsLargeAsAskedIfThereIsMemory)
         bool and_after;
         uint32_t next_id;
     } const table[] = {
-        {1, true, 1},  // the list
-        {2, true, 1},  // the pool and any lock
-        {2, false, 0}, // the pool, for good
-        {3, false, 0}, // its lock
+        {1, true, 1},  // the pool and any lock
+        {1, false, 0}, // the pool, for good
+        {2, false, 0}, // its lock
     };
     for (const auto& row : table) {
         fail_malloc(row.nth, row.and_after);
@@ -241,7 +264,7 @@ TEST_F(TimerTest, FirstUseFromManyThreadsCreatesOneService)
             uTimerRun(0);
             EXPECT_NE(uTimerAdd(COUNT, nullptr, 1000), 0U);
         });
-        ASSERT_EQ(uListSize(timerList), 8);
+        ASSERT_EQ(timerList.size, 8U);
         ASSERT_EQ(free_blocks(), 292U);
         forget_service();
     }

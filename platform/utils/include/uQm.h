@@ -51,8 +51,4 @@ void* uQmDeq(uQmQueue_t* queueHeader);
 
 #ifdef __cplusplus
 }
-
-/** The same for a holder of the queue's lock, who may use it for more than the queue. */
-void enqueue_locked(uQmQueue_t* queue, void* block);
-void* dequeue_locked(uQmQueue_t* queue);
 #endif

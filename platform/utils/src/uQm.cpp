@@ -91,7 +91,7 @@ static void* next_of(void* data)
     return next;
 }
 
-void* dequeue_locked(uQmQueue_t* queue) REQUIRES(queueHeld)
+static void* dequeue_locked(uQmQueue_t* queue) REQUIRES(queueHeld)
 {
     void* head = queue->headPtr;
     if (head == nullptr) {
@@ -107,7 +107,7 @@ void* dequeue_locked(uQmQueue_t* queue) REQUIRES(queueHeld)
     return head;
 }
 
-void enqueue_locked(uQmQueue_t* queue, void* block) REQUIRES(queueHeld)
+static void enqueue_locked(uQmQueue_t* queue, void* block) REQUIRES(queueHeld)
 {
     set_next(block, nullptr);
     if (queue->headPtr != nullptr) {

@@ -1,35 +1,31 @@
 // The timer service: a delta list of one-shot timers aged by the pump.
 //
-// timerList is ordered by expiry. A node's expires counts from its predecessor's expiry, so the
-// gaps up to a node add up to its time left, and a pass with nothing due looks at the head alone.
-// Gaps are 0 or more. They add up in 64 bits; a sum beyond 32 bits, which only a negative time_gap
-// can bring about, sticks at the largest value. A timer goes in front of those that expire at the
-// same time.
+// timerList is a delta list with an index (deltaList.h), in milliseconds; a node's expires is its
+// gap. Nodes are the blocks of a pool, one to a cache line, and the number of a block is its
+// number in the list. Ids lead to nodes by a table of chains. The memory of all this is allocated
+// with the service, and none later. Blocks go back to the head of the pool's free queue: the next
+// timer gets one that the cache still has.
 //
-// Nodes carry their own list link, so nothing here allocates but the creation of the service.
-// Timers that expired are cut off the list as one chain, which
-// belongs to the uTimerRun that cut it; each goes back to the pool after its callback, and those a
-// thread leaves behind when it ends in a callback go back to the head of the list.
-//
-// A pass with nothing due does not even lock. idle_word holds what it needs: how long it is until
-// the first timer expires, and how much of that has passed since the gaps were last brought up to
-// date. Whoever locks to change the list takes the word away, brings the first gap up to date, and
-// puts a new word there when it is done; a pass that meets no word locks as well. Whoever only
-// looks leaves the word alone, and reckons with what has passed.
+// Timers that expired are cut off the list and belong to the uTimerRun that cut them, a pass. A
+// timer is done when its callback has returned, and can be armed again from then on: the pass
+// stores how far it is, and frees all blocks together at its end; whoever finds no free block takes
+// those that are done from the passes under way. What a thread leaves behind that ends in a
+// callback goes back to the head of the list.
 //
 // Locks; none is taken inside another, but for the pool's while it is built:
-//   creation_lock     the creation of the service; timerList is stored last
-//   timerMutex        timerList's content and uTimerId; idle_word is 0 while they may change. It is
-//                     the lock of the pool's free queue as well: a block is taken or given back
-//                     inside without a second lock
-// Log lines and callbacks come after the locks.
+//   creation_lock   the creation of the service; service_created is stored last
+//   timers_word     what is GUARDED_BY(timersHeld), the nodes in the list, the id table. It stands
+//                   for timerMutex, the semaphore of the pool's free queue, with whose mutex those
+//                   sleep that find it held
+// Log lines and callbacks come after the locks. A section under timers_word is inside an operation
+// (depth above 0) and calls nobody, so a task that is deleted meanwhile ends after it.
 #include "uTimer.h"
+#include "deltaList.h"
 #include "internal.h"
+#include "lockWord.h"
 #include "nxaLog.h"
 #include "osaSem.h"
-#include "osaTask.h"
 #include "uBm.h"
-#include "ulist.h"
 
 #include <pthread.h>
 
@@ -40,94 +36,131 @@ static constexpr uint32_t MS_PER_S = 1000;
 static constexpr uint32_t CACHE_LINE = 64;
 
 typedef struct uTimerNode {
-    int32_t expires;           // ms after the preceding node's expiry; for the first, from when the
-                               // list was last let go
+    int32_t expires;           // ms after the preceding node's expiry; for the first, from now
     void (*timeout_cb)(void*); // may be null
     void* param;               // for timeout_cb
     uint32_t timerId;          // never 0
-    unode_t link;              // in timerList, or in the chain of a uTimerRun
+    uint32_t next_id;          // number of the next node in its chain of the id table; 0: none
 } uTimerNode_t;
 
-static_assert(sizeof(uBmBufHead_t) + sizeof(uTimerNode_t) == CACHE_LINE,
-              "a step of a walk touches one line");
+static constexpr uint32_t NODE_BYTES = CACHE_LINE - sizeof(uBmBufHead_t); // a block fills a line
 
-/** Where a timer stands, or would stand, in timerList. */
-typedef struct {
-    unode_t** link; // what points to it
-    int64_t before; // ms until the timer in front of it expires
-} place_t;
+static_assert(sizeof(uTimerNode_t) <= NODE_BYTES);
 
-/** Timers that expired and were not dealt with yet. */
-typedef struct {
-    unode_t* chain; // in order of expiry
-    bool called;    // the callback of the first has begun
-} due_t;
+/** A pass: timers that expired, in their order, linked like the free blocks. */
+typedef struct pass {
+    uTimerNode_t* done;    // the first one that is not free again; guarded by timers_word
+    uTimerNode_t* pending; // the first one that is not done; atomic, written by the pass's thread
+    uTimerNode_t* last;    // constant
+    uint32_t count;        // from done to last; guarded by timers_word
+    bool called;           // the callback of pending has begun; the pass's thread only
+    struct pass* next;     // in passes; guarded by timers_word
+} pass_t;
 
 static constexpr lock_role_t creationHeld; // creation_lock
-static constexpr lock_role_t timersHeld;   // timerMutex
+static constexpr lock_role_t timersHeld;   // timers_word
 
 static pthread_mutex_t creation_lock = PTHREAD_MUTEX_INITIALIZER;
 
-static ulist_t* timerList = nullptr;    // atomic; set once, when all else is there
-static SEM_ID timerMutex = nullptr;     // constant once timerList is set
-static uBmHostHeap_t bmMgrTimerPoolHdr; // guarded by timerMutex; all zero: no timers to give
-static uint8_t* uTimerPool = nullptr;   // its memory, never freed
-static uint64_t idle_word = 0;          // atomic; see idle_of()
+static bool service_created = false; // atomic; set once, when all else is there
+static lock_word_t timers_word;
+static delta_link_t no_links[1]; // of a list without room
+
+static delta_list_t timerList GUARDED_BY(timersHeld) = {.links = no_links};
+static uBmHostHeap_t bmMgrTimerPoolHdr GUARDED_BY(timersHeld); // all zero: no timers to give
+static pass_t* passes GUARDED_BY(timersHeld) = nullptr;        // that run callbacks now
 static uint32_t uTimerId GUARDED_BY(timersHeld) = 1;
+static bool ids_came_round GUARDED_BY(timersHeld) = false; // an id may be there twice
+
+// Constant once service_created is set.
+static SEM_ID timerMutex = nullptr;
+static uint8_t* uTimerPool = nullptr;   // memory of nodes, index and ids, never freed
+static uint8_t* node_lines = nullptr;   // one line in front of node number 1
+static uint32_t no_chains[2];           // without a pool
+static uint32_t* id_chains = no_chains; // numbers of their first nodes; 0: empty
+static int id_shift = 31;               // bits of a hashed id that are dropped
+
+// ---- Nodes ----
+
+static uTimerNode_t* node_of(uint32_t number)
+{
+    uint8_t* line = node_lines + size_t{number} * CACHE_LINE;
+    return reinterpret_cast<uTimerNode_t*>(line + sizeof(uBmBufHead_t));
+}
+
+static uint32_t number_of(const void* node)
+{
+    const ptrdiff_t offset = static_cast<const uint8_t*>(node) - node_lines;
+    return static_cast<uint32_t>(static_cast<size_t>(offset) / CACHE_LINE);
+}
+
+static void* next_block(void* node)
+{
+    return (static_cast<uBmBufHead_t*>(node) - 1)->nextPtr;
+}
+
+static void set_next_block(void* node, void* next)
+{
+    (static_cast<uBmBufHead_t*>(node) - 1)->nextPtr = static_cast<uint32_t*>(next);
+}
 
 // ---- Creation ----
 
 static bool service_exists(void)
 {
-    return load_acquire(&timerList) != nullptr;
+    return load_acquire(&service_created);
 }
 
-/** Builds the pool. @return false without memory; the pool is empty then */
-static bool uTimerBmMgrInit(int32_t timerTotal) REQUIRES(creationHeld)
+/** Builds the pool, and what goes with it. @return false without memory; there are no timers then
+ */
+static bool uTimerBmMgrInit(int32_t timerTotal) REQUIRES(creationHeld) UNCHECKED
 {
     const uint32_t blocks =
         static_cast<uint32_t>(timerTotal > DEFAULT_TIMERS ? timerTotal : DEFAULT_TIMERS);
-    const uint64_t bytes = uint64_t{blocks} * CACHE_LINE;
+    int shift = 32;
+    while (uint64_t{1} << (32 - shift) < blocks) {
+        shift--;
+    }
+    const uint64_t lines = (uint64_t{blocks} + 2) * CACHE_LINE; // one to align, one in front
+    const uint64_t index = delta_bytes(blocks);
+    const uint64_t chains = sizeof(uint32_t) << (32 - shift);
 
-    if (bytes > UINT32_MAX - CACHE_LINE) {
+    if (lines + index + chains > UINT32_MAX) {
         return false;
     }
-    uTimerPool = static_cast<uint8_t*>(uMalloc(static_cast<uint32_t>(bytes) + CACHE_LINE));
+    uTimerPool = static_cast<uint8_t*>(uMalloc(static_cast<uint32_t>(lines + index + chains)));
     if (uTimerPool == nullptr) {
         return false;
     }
     uint8_t* line = uTimerPool + CACHE_LINE - reinterpret_cast<uintptr_t>(uTimerPool) % CACHE_LINE;
-    uBmInitHeap(&bmMgrTimerPoolHdr, blocks, sizeof(uTimerNode_t), line);
-    // An unlocked pool, which uBmInitHeap makes without memory for the lock, would not be safe.
-    bmMgrTimerPoolHdr.freePoolQ.pooled = 0; // its lock is timerMutex
+    uBmInitHeap(&bmMgrTimerPoolHdr, blocks, NODE_BYTES, line + CACHE_LINE);
+    // Without memory for the queue's semaphore there is nothing to sleep with.
     if (bmMgrTimerPoolHdr.freePoolQ.lockSem == nullptr) {
         bmMgrTimerPoolHdr = {};
         uFree(uTimerPool);
         uTimerPool = nullptr;
         return false;
     }
+    node_lines = line;
+    delta_move(&timerList, line + lines - CACHE_LINE, blocks);
+    id_chains = reinterpret_cast<uint32_t*>(line + lines - CACHE_LINE + index);
+    id_shift = shift;
     return true;
 }
 
 /**
- * Creates the service. Without memory for the list or the lock it does not, and leaves nothing
- * behind.
+ * Creates the service. Without memory for the lock it does not, and leaves nothing behind.
  *
  * @return false when the pool could not be built
  */
-static bool create_service_locked(int32_t timerTotal) REQUIRES(creationHeld)
+static bool create_service_locked(int32_t timerTotal) REQUIRES(creationHeld) UNCHECKED
 {
-    ulist_t* list = uListInit(FALSE);
-    if (list == nullptr) {
-        return true;
-    }
     const bool built = uTimerBmMgrInit(timerTotal);
     timerMutex = built ? bmMgrTimerPoolHdr.freePoolQ.lockSem : semMCreate(0);
-    if (timerMutex == nullptr) {
-        uListUninit(list);
-        return built;
+    if (timerMutex != nullptr) {
+        lock_word_init(&timers_word);
+        store_release(&service_created, true);
     }
-    store_release(&timerList, list);
     return built;
 }
 
@@ -165,146 +198,189 @@ void uTimerInit(int32_t timerTotal)
     op_leave(me);
 }
 
-// ---- The delta list ----
+// ---- Locking ----
 
-static uTimerNode_t* timer_of(unode_t* link)
+static pthread_mutex_t* sleepers_mutex(void)
 {
-    char* node = reinterpret_cast<char*>(link) - offsetof(uTimerNode_t, link);
-    return reinterpret_cast<uTimerNode_t*>(node);
-}
-
-/**
- * The word of a list that is let go: in the lower half how long nothing expires, in the upper half
- * how much of that has passed. For an empty list the upper half means nothing.
- */
-static uint64_t idle_of(const ulist_t* list)
-{
-    constexpr uint32_t FOR_EVER = UINT32_MAX;
-    return list->node == nullptr ? FOR_EVER : static_cast<uint32_t>(timer_of(list->node)->expires);
-}
-
-/** Lets time pass if nothing expires meanwhile. @return false when it takes the lock to tell */
-static bool pass_idle(int32_t time_gap)
-{
-    uint64_t seen = load_relaxed(&idle_word);
-    uint64_t passed = 0;
-
-    do {
-        passed = seen + (static_cast<uint64_t>(time_gap) << 32);
-        if (time_gap < 0 || passed >> 32 >= static_cast<uint32_t>(seen)) {
-            return false;
-        }
-    } while (!__atomic_compare_exchange_n(&idle_word, &seen, passed, true, __ATOMIC_ACQ_REL,
-                                          __ATOMIC_RELAXED));
-    return true;
+    return &reinterpret_cast<v2lsem_t*>(timerMutex)->mutex_lock;
 }
 
 static void timers_lock(void) ACQUIRES(timersHeld) UNCHECKED
 {
-    own_sem_take(timerMutex);
-    const uint64_t idle = __atomic_exchange_n(&idle_word, 0, __ATOMIC_ACQ_REL);
-    if (timerList->node != nullptr) {
-        timer_of(timerList->node)->expires -= static_cast<int32_t>(idle >> 32);
-    }
+    lock_word_take(&timers_word, sleepers_mutex());
 }
 
 static void timers_unlock(void) RELEASES(timersHeld) UNCHECKED
 {
-    store_release(&idle_word, idle_of(timerList));
-    own_sem_give(timerMutex);
+    lock_word_give(&timers_word, sleepers_mutex());
 }
 
-/** How much has passed since the gaps were brought up to date; the list is not empty. */
-static int64_t idle_passed_locked(void) REQUIRES(timersHeld)
-{
-    return static_cast<int64_t>(load_acquire(&idle_word) >> 32);
-}
+// ---- Blocks ----
 
-static int32_t saturated(int64_t ms)
+/** Puts a chain of blocks in front of the free ones. */
+static void free_blocks_locked(void* first, void* last, uint32_t count) REQUIRES(timersHeld)
 {
-    return ms > INT32_MAX ? INT32_MAX : static_cast<int32_t>(ms);
-}
+    uQmQueue_t* queue = &bmMgrTimerPoolHdr.freePoolQ;
 
-static uTimerNode_t* new_timer_locked(void (*timeout_cb)(void*), void* param, int32_t expires,
-                                      uint32_t timerId) REQUIRES(timersHeld)
-{
-    uTimerNode_t* node = static_cast<uTimerNode_t*>(dequeue_locked(&bmMgrTimerPoolHdr.freePoolQ));
-    if (node == nullptr) {
-        return nullptr;
+    set_next_block(last, queue->headPtr);
+    if (queue->headPtr == nullptr) {
+        queue->tailPtr = last;
     }
-    *node = {.expires = expires,
-             .timeout_cb = timeout_cb,
-             .param = param,
-             .timerId = timerId,
-             .link = {.next = nullptr, .element = reinterpret_cast<addr_t>(node)}};
-    return node;
+    queue->headPtr = first;
+    queue->count = static_cast<uint16_t>(queue->count + count);
 }
 
-static void free_timer_locked(uTimerNode_t* node) REQUIRES(timersHeld)
+/**
+ * Frees the timers whose callbacks have returned. Acquire pairs with the release after the
+ * callback, which is the last that a pass has to do with a timer.
+ */
+static void free_done_locked(pass_t* pass) REQUIRES(timersHeld)
 {
-    enqueue_locked(&bmMgrTimerPoolHdr.freePoolQ, node);
+    const void* pending = load_acquire(&pass->pending);
+
+    if (pending == nullptr && pass->done != nullptr) { // all that is left, at once
+        free_blocks_locked(pass->done, pass->last, pass->count);
+        pass->done = nullptr;
+    }
+    while (pass->done != pending) {
+        uTimerNode_t* node = pass->done;
+        pass->done = static_cast<uTimerNode_t*>(next_block(node));
+        pass->count--;
+        free_blocks_locked(node, node, 1);
+    }
 }
 
-/** Inserts a node whose expires is its full time left; no timer in front of from expires later. */
-static int32_t insert_from_locked(place_t from, uTimerNode_t* node) REQUIRES(timersHeld)
+static bool has_block_locked(void) REQUIRES(timersHeld)
 {
-    unode_t** link = from.link;
-    int64_t before = from.before;
-
-    for (; *link != nullptr; link = &(*link)->next) {
-        uTimerNode_t* behind = timer_of(*link);
-        if (node->expires <= before + behind->expires) {
-            behind->expires -= static_cast<int32_t>(node->expires - before);
-            break;
+    if (bmMgrTimerPoolHdr.freePoolQ.headPtr == nullptr) {
+        for (pass_t* pass = passes; pass != nullptr; pass = pass->next) {
+            free_done_locked(pass);
         }
-        before += behind->expires;
     }
-    node->expires = static_cast<int32_t>(node->expires - before);
-    node->link.next = *link;
-    *link = &node->link;
-    return ++timerList->size;
+    return bmMgrTimerPoolHdr.freePoolQ.headPtr != nullptr;
 }
 
-/** The same from the head of the list. @return the new size */
-static int32_t uTimerInsert(uTimerNode_t* node) REQUIRES(timersHeld)
+/** Takes the first free block. @return its node's number; 0: there is none */
+static uint32_t take_block_locked(void) REQUIRES(timersHeld)
 {
-    return insert_from_locked({.link = &timerList->node, .before = 0}, node);
+    uQmQueue_t* queue = &bmMgrTimerPoolHdr.freePoolQ;
+
+    if (!has_block_locked()) {
+        return 0;
+    }
+    void* node = queue->headPtr;
+    queue->headPtr = next_block(node);
+    if (queue->headPtr == nullptr) {
+        queue->tailPtr = nullptr;
+    }
+    queue->count--;
+    return number_of(node);
 }
 
-/** Finds a timer. @return its position, or -1 and a place of no use */
-static int32_t uTimerPositionGet(uint32_t timerId, place_t* place) REQUIRES(timersHeld)
-{
-    unode_t** link = &timerList->node;
-    int64_t before = 0;
+// ---- Ids ----
 
-    for (int32_t pos = 0; *link != nullptr; pos++) {
-        const uTimerNode_t* node = timer_of(*link);
-        if (node->timerId == timerId) {
-            *place = {.link = link, .before = before};
-            return pos;
+static uint32_t* chain_of(uint32_t timerId)
+{
+    constexpr uint32_t GOLDEN = 2654435769; // spreads consecutive numbers
+    return &id_chains[(timerId * GOLDEN) >> id_shift];
+}
+
+static void enter_id_locked(uint32_t number) REQUIRES(timersHeld)
+{
+    uTimerNode_t* node = node_of(number);
+    uint32_t* chain = chain_of(node->timerId);
+
+    node->next_id = *chain;
+    *chain = number;
+}
+
+static void forget_id_locked(uint32_t number) REQUIRES(timersHeld)
+{
+    const uTimerNode_t* node = node_of(number);
+    uint32_t* link = chain_of(node->timerId);
+
+    while (*link != number) {
+        link = &node_of(*link)->next_id;
+    }
+    *link = node->next_id;
+}
+
+/** Of two timers with the same id, which takes 2^32 others in between: the first in the list. */
+static uint32_t earlier_of(uint32_t one, uint32_t other) REQUIRES(timersHeld)
+{
+    if (delta_left(&timerList, one) != delta_left(&timerList, other)) {
+        return delta_left(&timerList, one) < delta_left(&timerList, other) ? one : other;
+    }
+    uint32_t number = one;
+    while (number != 0 && number != other) {
+        number = delta_next(&timerList, number);
+    }
+    return number == other ? one : other;
+}
+
+/** Finds a timer. @return its number, or 0 */
+static uint32_t uTimerPositionGet(uint32_t timerId) REQUIRES(timersHeld)
+{
+    uint32_t found = 0;
+
+    for (uint32_t number = *chain_of(timerId); number != 0; number = node_of(number)->next_id) {
+        if (node_of(number)->timerId == timerId) {
+            if (!ids_came_round) {
+                return number;
+            }
+            found = found == 0 ? number : earlier_of(found, number);
         }
-        before += node->expires;
-        link = &(*link)->next;
     }
-    return -1;
+    return found;
 }
 
-/** Takes the timer at a place out; those behind it keep their time. @return its successor */
-static unode_t* unlink_locked(place_t place) REQUIRES(timersHeld)
-{
-    const uTimerNode_t* node = timer_of(*place.link);
-    unode_t* behind = node->link.next;
+// ---- Timers ----
 
-    if (behind != nullptr) {
-        uTimerNode_t* next = timer_of(behind);
-        next->expires = saturated(int64_t{next->expires} + node->expires);
+/** Puts a timer into the list for a time from now. */
+static void uTimerInsert(uint32_t number, int32_t timeout) REQUIRES(timersHeld)
+{
+    const int32_t gap = delta_insert(&timerList, number, timeout);
+    const uint32_t behind = delta_next(&timerList, number);
+
+    node_of(number)->expires = gap;
+    if (behind != 0) {
+        node_of(behind)->expires -= gap;
     }
-    *place.link = behind;
-    timerList->size--;
+}
+
+/** Takes a timer out of the list. @return the one behind it */
+static uint32_t unlink_locked(uint32_t number) REQUIRES(timersHeld)
+{
+    const uint32_t behind = delta_remove(&timerList, number);
+
+    if (behind != 0) {
+        int32_t* gap = &node_of(behind)->expires;
+        *gap = delta_sum(&timerList, behind, *gap, node_of(number)->expires);
+    }
     return behind;
 }
 
-// ---- Relative timers ----
+static uint32_t add_locked(void (*timeout_cb)(void*), void* param, int32_t timeout)
+    REQUIRES(timersHeld)
+{
+    const uint32_t number = take_block_locked();
+    if (number == 0) {
+        return 0;
+    }
+    uTimerNode_t* node = node_of(number);
+    const uint32_t id = uTimerId;
+    node->timeout_cb = timeout_cb;
+    node->param = param;
+    node->timerId = id;
+    uTimerId++;
+    if (uTimerId == 0) {
+        uTimerId = 1;
+        ids_came_round = true;
+    }
+    enter_id_locked(number);
+    uTimerInsert(number, timeout);
+    return id;
+}
 
 uint32_t uTimerAdd(void* cb, void* param, int32_t timeout)
 {
@@ -312,22 +388,12 @@ uint32_t uTimerAdd(void* cb, void* param, int32_t timeout)
         return 0;
     }
     thread_record_t* me = op_enter();
-    uint32_t id = 0;
-
     timers_lock();
-    uTimerNode_t* node =
-        new_timer_locked(reinterpret_cast<void (*)(void*)>(cb), param, timeout, uTimerId);
-    if (node != nullptr) {
-        id = uTimerId++;
-        if (uTimerId == 0) {
-            uTimerId = 1;
-        }
-        (void)uTimerInsert(node); // nothing to allocate, so it cannot fail
-    }
-    const int32_t live = timerList->size;
+    const uint32_t id = add_locked(reinterpret_cast<void (*)(void*)>(cb), param, timeout);
+    const int32_t live = static_cast<int32_t>(timerList.size);
     timers_unlock();
 
-    if (node == nullptr) {
+    if (id == 0) {
         __halden_log_print(NXA_LOG_ERROR, uTimerLogName, "timer malloc failed! timerListSize=%d\n",
                            live);
     }
@@ -352,46 +418,24 @@ void uTimerDel(uint32_t timerId)
         return;
     }
     thread_record_t* me = op_enter();
-    place_t place;
     bool was_last = false;
 
     timers_lock();
-    const bool known = uTimerPositionGet(timerId, &place) >= 0;
-    if (known) {
-        uTimerNode_t* node = timer_of(*place.link);
-        was_last = unlink_locked(place) == nullptr;
-        free_timer_locked(node);
+    const uint32_t number = uTimerPositionGet(timerId);
+    if (number != 0) {
+        forget_id_locked(number);
+        was_last = unlink_locked(number) == 0;
+        free_blocks_locked(node_of(number), node_of(number), 1);
     }
     timers_unlock();
 
-    if (known && was_last) {
-        __halden_log_print(NXA_LOG_DEBUG, uTimerLogName, "uTimerDel: free timerId=%u;\n", timerId);
-    } else if (known) {
-        __halden_log_print(NXA_LOG_DEBUG, uTimerLogName, "uTimerDel: delete timerId=%u;\n",
+    if (number != 0) {
+        __halden_log_print(NXA_LOG_DEBUG, uTimerLogName,
+                           was_last ? "uTimerDel: free timerId=%u;\n"
+                                    : "uTimerDel: delete timerId=%u;\n",
                            timerId);
     }
     op_leave(me);
-}
-
-static void refresh_locked(uint32_t timerId, int32_t expires) REQUIRES(timersHeld)
-{
-    place_t place;
-
-    if (uTimerPositionGet(timerId, &place) < 0) {
-        return;
-    }
-    uTimerNode_t* old = timer_of(*place.link);
-    uTimerNode_t* node = new_timer_locked(old->timeout_cb, old->param, expires, timerId);
-    if (node == nullptr) {
-        return;
-    }
-    unlink_locked(place);
-    free_timer_locked(old);
-    if (expires > place.before) {
-        insert_from_locked(place, node); // no need to walk from the head again
-    } else {
-        uTimerInsert(node);
-    }
 }
 
 void uTimerRefresh(uint32_t timerId, int32_t expires)
@@ -401,7 +445,11 @@ void uTimerRefresh(uint32_t timerId, int32_t expires)
     }
     thread_record_t* me = op_enter();
     timers_lock();
-    refresh_locked(timerId, expires);
+    const uint32_t number = uTimerPositionGet(timerId);
+    if (number != 0 && has_block_locked()) {
+        (void)unlink_locked(number);
+        uTimerInsert(number, expires);
+    }
     timers_unlock();
     op_leave(me);
 }
@@ -417,102 +465,134 @@ int32_t uTimerRemainGet(uint32_t timerId)
         return 0;
     }
     thread_record_t* me = op_enter();
-    int64_t left = 0;
-    place_t place;
-
-    own_sem_take(timerMutex);
-    role_taken(timersHeld);
-    if (uTimerPositionGet(timerId, &place) >= 0) {
-        left = place.before + timer_of(*place.link)->expires - idle_passed_locked();
-    }
-    role_given(timersHeld);
-    own_sem_give(timerMutex);
+    timers_lock();
+    const uint32_t number = uTimerPositionGet(timerId);
+    const int64_t left = number == 0 ? 0 : delta_left(&timerList, number);
+    timers_unlock();
     op_leave(me);
-    return saturated(left);
+    return left > INT32_MAX ? INT32_MAX : static_cast<int32_t>(left);
 }
 
 // ---- Expiry ----
 
-/** Ages the list. @return the timers that expired, cut off as a chain; null when none did */
-static unode_t* take_due_locked(int32_t time_gap) REQUIRES(timersHeld)
+/** Ages the list. @return whether timers have expired */
+static bool age_locked(int32_t time_gap) REQUIRES(timersHeld)
 {
-    unode_t** end = &timerList->node;
-    int64_t left = time_gap;
-    int32_t count = 0;
+    delta_advance(&timerList, time_gap);
+    const uint32_t first = delta_first(&timerList);
+    if (first == 0) {
+        return false;
+    }
+    const int64_t left = delta_left(&timerList, first);
+    node_of(first)->expires = static_cast<int32_t>(left);
+    return left <= 0;
+}
 
-    for (; *end != nullptr; end = &(*end)->next) {
-        uTimerNode_t* node = timer_of(*end);
-        if (node->expires > left) {
-            node->expires = saturated(node->expires - left);
-            break;
+/** Makes a pass of the timers that have expired. */
+static void begin_pass_locked(pass_t* pass) REQUIRES(timersHeld)
+{
+    const uint32_t chain = delta_cut(&timerList);
+    const uint32_t first = delta_first(&timerList);
+    uTimerNode_t* last = nullptr;
+    uint32_t count = 0;
+
+    if (first != 0) {
+        node_of(first)->expires = static_cast<int32_t>(delta_left(&timerList, first));
+    }
+    for (uint32_t number = chain; number != 0; number = delta_next(&timerList, number)) {
+        forget_id_locked(number);
+        if (last != nullptr) {
+            set_next_block(last, node_of(number));
         }
-        left -= node->expires;
+        last = node_of(number);
         count++;
     }
-    unode_t* rest = *end;
-    *end = nullptr; // ends the chain; with nothing due it empties the list for a moment
-    unode_t* due = timerList->node;
-    timerList->node = rest;
-    timerList->size -= count;
-    return due;
+    set_next_block(last, nullptr);
+    *pass = {node_of(chain), node_of(chain), last, count, false, passes};
+    passes = pass;
 }
 
 /** Puts timers that expired back to the head of the list, for the next uTimerRun. */
-static void put_back_locked(unode_t* chain) REQUIRES(timersHeld)
+static void put_back_locked(uTimerNode_t* chain) REQUIRES(timersHeld)
 {
-    unode_t** link = &chain;
-    for (; *link != nullptr; link = &(*link)->next) {
-        timer_of(*link)->expires = 0;
-        timerList->size++;
+    if (chain == nullptr) {
+        return;
     }
-    *link = timerList->node;
-    timerList->node = chain;
+    const uint32_t first = number_of(chain);
+    for (uint32_t number = first; number != 0; number = delta_next(&timerList, number)) {
+        enter_id_locked(number);
+        node_of(number)->expires = 0;
+    }
+    delta_put_back(&timerList, first);
+}
+
+/** The callback of the first pending timer has returned, or there is none. */
+static void step(pass_t* pass)
+{
+    pass->called = false;
+    store_release(&pass->pending, static_cast<uTimerNode_t*>(next_block(pass->pending)));
+}
+
+/** Ends a pass that has nothing pending any more, or leaves that to the next uTimerRun. */
+static void end_pass_locked(pass_t* pass) REQUIRES(timersHeld)
+{
+    pass_t** link = &passes;
+    while (*link != pass) {
+        link = &(*link)->next;
+    }
+    *link = pass->next;
+    free_done_locked(pass);
+    put_back_locked(pass->pending);
 }
 
 /** Cleanup handler: the thread ends while it runs callbacks. */
-static void abandon_due(void* arg)
+static void abandon_pass(void* arg)
 {
     ending_enter();
-    due_t* due = static_cast<due_t*>(arg);
-    unode_t* first = due->chain;
-    if (due->called) {
-        due->chain = first->next;
-        uBmFree(timer_of(first));
+    pass_t* pass = static_cast<pass_t*>(arg);
+    if (pass->called) {
+        step(pass);
     }
     timers_lock();
-    put_back_locked(due->chain);
+    end_pass_locked(pass);
     timers_unlock();
 }
 
-static void run_due(thread_record_t* me, due_t* due)
+static void run_callbacks(thread_record_t* me, pass_t* pass)
 {
-    pthread_cleanup_push(abandon_due, due);
-    while (due->chain != nullptr) {
-        uTimerNode_t* node = timer_of(due->chain);
+    pthread_cleanup_push(abandon_pass, pass);
+    while (pass->pending != nullptr) {
+        const uTimerNode_t* node = pass->pending;
         if (node->timeout_cb != nullptr) {
             callout_begin(me);
-            due->called = true;
+            pass->called = true;
             node->timeout_cb(node->param);
             callout_end(me);
         }
-        due->chain = node->link.next;
-        due->called = false;
-        uBmFree(node);
+        step(pass);
     }
     pthread_cleanup_pop(0);
 }
 
 void uTimerRun(int32_t time_gap)
 {
-    if (pass_idle(time_gap) || !service_ready()) {
+    if (!service_ready()) {
         return;
     }
     thread_record_t* me = op_enter();
+    pass_t pass;
+
     timers_lock();
-    due_t due = {.chain = take_due_locked(time_gap), .called = false};
+    const bool expired = age_locked(time_gap);
+    if (expired) {
+        begin_pass_locked(&pass);
+    }
     timers_unlock();
-    if (due.chain != nullptr) {
-        run_due(me, &due);
+    if (expired) {
+        run_callbacks(me, &pass);
+        timers_lock();
+        end_pass_locked(&pass);
+        timers_unlock();
     }
     op_leave(me);
 }
