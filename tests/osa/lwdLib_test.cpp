@@ -162,6 +162,24 @@ static int fire(void* arg)
     return 0;
 }
 
+/** What wdogShow is to tell of them. */
+static std::string counts_of_dogs()
+{
+    std::vector<dog> started;
+    std::copy_if(dogs.begin(), dogs.end(), std::back_inserter(started),
+                 [](const dog& d) { return d.due != 0; });
+    std::sort(started.begin(), started.end(), [](const dog& a, const dog& b) {
+        return a.due != b.due ? a.due < b.due : a.started > b.started;
+    });
+    std::string all;
+    int before = now;
+    for (const dog& d : started) {
+        all += std::to_string(d.due - before) + " ";
+        before = d.due;
+    }
+    return all;
+}
+
 TEST_F(WatchdogTest, EveryOneFiresAtItsTickInOrder)
 {
     for (int i = 0; i < 40; i++) {
@@ -174,14 +192,42 @@ TEST_F(WatchdogTest, EveryOneFiresAtItsTickInOrder)
         EXPECT_TRUE(std::all_of(dogs.begin(), dogs.end(), [](dog& d) { return d.due != now; }));
         start_or_cancel_any();
         start_or_cancel_any();
+        if (now % 100 == 0) {
+            EXPECT_EQ(counts(), counts_of_dogs());
+        }
     }
+}
+
+TEST_F(WatchdogTest, CreationFailsWhereTheIndexCannotGrowAndStartingNever)
+{
+    for (WDOG_ID id = wdCreate(); id != nullptr; id = wdCreate()) {
+        made.push_back(id);
+        fail_malloc(2); // the watchdog is the first
+    }
+    fail_malloc(1, true);
+    for (size_t n = 0; n < made.size(); n++) {
+        EXPECT_EQ(wdStart(made[n], static_cast<int>(n) + 1, nullptr, nullptr), OK);
+    }
+    fail_nothing();
+    make(1000);
+    EXPECT_EQ(wdDelete(made.front()), OK);
+    made.front() = make(1);
+    made.pop_back();
+    for (size_t n = 1; n < made.size(); n++) {
+        process_wdog();
+    }
+    EXPECT_EQ(counts(), std::to_string(1001 - made.size()) + " ");
 }
 
 TEST_F(WatchdogTest, ATickThatEndsWithItsThreadLeavesTheRestToTheNext)
 {
-    make(3);
+    const auto end = [](void*) -> int { pthread_exit(nullptr); };
+    make(4);
     make(1);
-    make(1, [](void*) -> int { pthread_exit(nullptr); });
+    make(1, end);
+    make(1, end);
+    std::thread(process_wdog).join();
+    EXPECT_EQ(counts(), "0 0 3 ");
     std::thread(process_wdog).join();
     EXPECT_EQ(counts(), "0 2 ");
     process_wdog();

@@ -121,7 +121,8 @@ typedef struct v2pt_wdog {
     void* timeout_parm;
     struct v2pt_wdog* next;          // active list; null when idle
     struct thread_record* restarted; // of selfRestart: the thread to be replaced; with a reference
-    struct v2pt_wdog** link;         // what points here in the active list; null when idle
+    uint32_t number;                 // in the index of the active list; constant
+    int listed;                      // 1: in the active list
 } v2pt_wdog_t;
 
 struct thrPoolWorker; // lthrPool.cpp: one worker thread

@@ -6,20 +6,26 @@
 // the watchdogs due are taken out one at a time, each before its routine is called. A tick that
 // ends with its thread therefore leaves the rest in the list, due, for the next one.
 //
+// Beside the list stands its index (deltaList.h), where a watchdog has a number. It grows with the
+// watchdogs created, so that starting one never needs memory; it does not shrink.
+//
 // Once a watchdog is out of the list for its call, the tick knows only copies of its routine and
 // parameter: the record may be started again or freed at any moment.
 //
 // Locks, outermost first:
 //   wdog_lock of a watchdog   one start, cancel or delete of it at a time
-//   wdog_list_lock            wdog_list and the records in it; the countdown takes this one alone
+//   wdog_list_lock            wdog_list and the records in it, the index and the numbers; the
+//                             countdown takes this one alone, creation allocates under it
 // Routines are called with neither of them held. task_list_lock, for the block of a task to be
 // started afresh, is taken with neither held.
 #include "osaWd.h"
 
+#include "deltaList.h"
 #include "internal.h"
 #include "osaTask.h"
 
 #include <errno.h>
+#include <string.h>
 #include <sys/prctl.h>
 #include <sys/time.h>
 #include <time.h>
@@ -29,13 +35,21 @@ static constexpr unsigned int PASS_US = 10'000;        // one pass of the except
 static constexpr unsigned int LATEST_US = 2 * PASS_US; // measured over more than this: late
 static constexpr time_t CLOCK_STEP_S = 1000;           // wall clock: more than this is a step
 static constexpr unsigned long CLOCK_STEP_COUNTS_US = 50;
-static constexpr int SHOWN_AT_ONCE = 32; // lines of wdogShow that need no memory
+static constexpr uint32_t FIRST_ROOM = 16; // watchdogs that the index begins with
+static constexpr int SHOWN_AT_ONCE = 32;   // lines of wdogShow that need no memory
 
 static constexpr lock_role_t wdogHeld;     // wdog_lock of the watchdog in hand
 static constexpr lock_role_t wdogListHeld; // wdog_list_lock
 
-static v2pt_wdog_t* wdog_list GUARDED_BY(wdogListHeld) = nullptr; // falls due first
 static pthread_mutex_t wdog_list_lock = PTHREAD_MUTEX_INITIALIZER;
+static v2pt_wdog_t* wdog_list GUARDED_BY(wdogListHeld) = nullptr; // falls due first
+
+static delta_link_t no_links[1]; // of an index without room
+static delta_list_t wdog_index GUARDED_BY(wdogListHeld) = {.links = no_links};
+static v2pt_wdog_t** wdogs GUARDED_BY(wdogListHeld) = nullptr;     // by number
+static uint32_t* spare_numbers GUARDED_BY(wdogListHeld) = nullptr; // spare_count of them
+static uint32_t spare_count GUARDED_BY(wdogListHeld) = 0;
+static void* index_memory GUARDED_BY(wdogListHeld) = nullptr; // of all four
 
 /** What is left of a watchdog that is due. */
 typedef struct {
@@ -69,47 +83,47 @@ static WDOG_ID id_of(v2pt_wdog_t* wdog)
 
 // ---- The active list ----
 
-static int add_wdog(v2pt_wdog_t* new_wdog, v2pt_wdog_t** link) REQUIRES(wdogListHeld)
+/** The watchdog with a number; null for 0. */
+static v2pt_wdog_t* wdog_at(uint32_t number) REQUIRES(wdogListHeld)
 {
-    new_wdog->next = *link;
-    new_wdog->link = link;
+    return number == 0 ? nullptr : wdogs[number];
+}
+
+static void set_next_locked(uint32_t before, v2pt_wdog_t* next) REQUIRES(wdogListHeld)
+{
+    *(before == 0 ? &wdog_list : &wdogs[before]->next) = next;
+}
+
+// Of those due at a tick the latest start comes first.
+static int add_wdog(v2pt_wdog_t* new_wdog, int timeout) REQUIRES(wdogListHeld)
+{
+    const uint32_t number = new_wdog->number;
+
+    new_wdog->ticks_remaining = delta_insert(&wdog_index, number, timeout);
+    new_wdog->next = wdog_at(delta_next(&wdog_index, number));
     if (new_wdog->next != nullptr) {
-        new_wdog->next->link = &new_wdog->next;
+        new_wdog->next->ticks_remaining -= new_wdog->ticks_remaining;
     }
-    *link = new_wdog;
+    set_next_locked(delta_before(&wdog_index, number), new_wdog);
+    new_wdog->listed = 1;
     return 0;
 }
 
 // The successor inherits the count, so the others keep their expiries.
 static void take_out_locked(v2pt_wdog_t* wdog) REQUIRES(wdogListHeld)
 {
-    if (wdog->link == nullptr) {
+    if (wdog->listed == 0) {
         return;
     }
-    *wdog->link = wdog->next;
+    set_next_locked(delta_before(&wdog_index, wdog->number), wdog->next);
+    const uint32_t behind = delta_remove(&wdog_index, wdog->number);
     if (wdog->next != nullptr) {
-        wdog->next->link = wdog->link;
-        wdog->next->ticks_remaining += wdog->ticks_remaining;
+        wdog->next->ticks_remaining =
+            delta_sum(&wdog_index, behind, wdog->next->ticks_remaining, wdog->ticks_remaining);
     }
     wdog->ticks_remaining = 0;
     wdog->next = nullptr;
-    wdog->link = nullptr;
-}
-
-// Before the first entry that is not due earlier: of equals the latest start comes first.
-static void insert_locked(v2pt_wdog_t* wdog, int timeout) REQUIRES(wdogListHeld)
-{
-    v2pt_wdog_t** link = &wdog_list;
-
-    while (*link != nullptr && timeout > (*link)->ticks_remaining) {
-        timeout -= (*link)->ticks_remaining;
-        link = &(*link)->next;
-    }
-    if (*link != nullptr) {
-        (*link)->ticks_remaining -= timeout;
-    }
-    wdog->ticks_remaining = timeout;
-    add_wdog(wdog, link);
+    wdog->listed = 0;
 }
 
 static v2pt_wdog_t* unlink_wdog(v2pt_wdog_t* wdId)
@@ -120,12 +134,68 @@ static v2pt_wdog_t* unlink_wdog(v2pt_wdog_t* wdId)
     return wdId;
 }
 
+// ---- Numbers ----
+
+/** Makes room for more watchdogs in the index. Without memory all stays as it is. */
+static void make_room_locked(void) REQUIRES(wdogListHeld)
+{
+    const uint32_t room = wdog_index.room == 0 ? FIRST_ROOM : 2 * wdog_index.room;
+    const size_t records = (room + size_t{1}) * sizeof(v2pt_wdog_t*);
+    const size_t index = delta_bytes(room);
+
+    char* memory = static_cast<char*>(ts_malloc(records + index + room * sizeof(uint32_t)));
+    if (memory == nullptr) {
+        return;
+    }
+    v2pt_wdog_t** moved = reinterpret_cast<v2pt_wdog_t**>(memory);
+    if (wdogs != nullptr) {
+        memcpy(moved, wdogs, (wdog_index.room + 1) * sizeof *wdogs);
+    }
+    spare_numbers = reinterpret_cast<uint32_t*>(memory + records + index); // none is left to keep
+    for (uint32_t number = room; number > wdog_index.room; number--) {
+        spare_numbers[spare_count++] = number;
+    }
+    delta_move(&wdog_index, memory + records, room);
+    wdogs = moved;
+    ts_free(index_memory);
+    index_memory = memory;
+}
+
+/** Gives a watchdog its number. @return false without memory for one */
+static bool take_number(v2pt_wdog_t* wdog)
+{
+    bool taken = false;
+
+    LOCK_SECTION(&wdog_list_lock, wdogListHeld);
+    if (spare_count == 0) {
+        make_room_locked();
+    }
+    if (spare_count > 0) {
+        wdog->number = spare_numbers[--spare_count];
+        wdogs[wdog->number] = wdog;
+        taken = true;
+    }
+    END_SECTION(wdogListHeld);
+    return taken;
+}
+
+static void give_number(const v2pt_wdog_t* wdog)
+{
+    LOCK_SECTION(&wdog_list_lock, wdogListHeld);
+    spare_numbers[spare_count++] = wdog->number;
+    END_SECTION(wdogListHeld);
+}
+
 // ---- Create, start, cancel, delete ----
 
 WDOG_ID wdCreate(void)
 {
     thread_record_t* me = op_enter();
     v2pt_wdog_t* wdog = static_cast<v2pt_wdog_t*>(ts_malloc(sizeof(v2pt_wdog_t)));
+    if (wdog != nullptr && !take_number(wdog)) {
+        ts_free(wdog);
+        wdog = nullptr;
+    }
     if (wdog != nullptr) {
         pthread_mutex_init(&wdog->wdog_lock, nullptr);
     }
@@ -145,7 +215,7 @@ status_t wdStart(WDOG_ID wdIdPtr, int delay, FUNCPTR f, addr_t parm)
     take_out_locked(wdog);
     wdog->timeout_func = f;
     wdog->timeout_parm = parm;
-    insert_locked(wdog, delay > 0 ? delay : 1);
+    (void)add_wdog(wdog, delay > 0 ? delay : 1);
     END_SECTION(wdogListHeld);
     END_SECTION(wdogHeld);
     op_leave(me);
@@ -179,22 +249,13 @@ status_t wdDelete(WDOG_ID wdIdPtr)
     }
     thread_record_t* me = op_enter();
     stop(record_of(wdIdPtr));
+    give_number(record_of(wdIdPtr));
     ts_free(wdIdPtr);
     op_leave(me);
     return OK;
 }
 
 // ---- Showing ----
-
-static int count_listed_locked(void) REQUIRES(wdogListHeld)
-{
-    int count = 0;
-
-    for (const v2pt_wdog_t* wdog = wdog_list; wdog != nullptr; wdog = wdog->next) {
-        count++;
-    }
-    return count;
-}
 
 // Up to room entries, from position first of the active list.
 static int copy_shown_locked(int first, shown_t* lines, int room) REQUIRES(wdogListHeld)
@@ -226,7 +287,7 @@ int wdogShow(FILE* out)
 
     thread_record_t* me = op_enter();
     LOCK_SECTION(&wdog_list_lock, wdogListHeld);
-    const int count = count_listed_locked();
+    const int count = static_cast<int>(wdog_index.size);
     if (count > SHOWN_AT_ONCE) {
         many = static_cast<shown_t*>(ts_malloc(static_cast<size_t>(count) * sizeof(shown_t)));
     }
@@ -251,17 +312,17 @@ int wdogShow(FILE* out)
 // ---- The tick ----
 
 // Time passes for the first entry that is not due yet; those before it were left by a tick that
-// ended with its thread.
+// ended with its thread, and stay due.
 static void count_down_locked(void) REQUIRES(wdogListHeld)
 {
-    v2pt_wdog_t* wdog = wdog_list;
+    const uint32_t left_over = delta_is_due(&wdog_index) ? delta_cut(&wdog_index) : 0;
 
-    while (wdog != nullptr && wdog->ticks_remaining <= 0) {
-        wdog = wdog->next;
+    delta_advance(&wdog_index, 1);
+    const uint32_t first = delta_first(&wdog_index);
+    if (first != 0) {
+        wdogs[first]->ticks_remaining = static_cast<int>(delta_left(&wdog_index, first));
     }
-    if (wdog != nullptr) {
-        wdog->ticks_remaining--;
-    }
+    delta_put_back(&wdog_index, left_over);
 }
 
 static bool take_due_locked(due_t* due) REQUIRES(wdogListHeld)
