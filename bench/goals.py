@@ -1,7 +1,8 @@
 """What the rows are called, and what is asked of them.
 
-A goal is the most that hnetd's median may be of another's: {"floor": 1.1}. A name with a slash is
-that of another row, or of a size of the same one: {"/30": 1.1}.
+A goal is the most that hnetd's median may be of another's: {"floor": 1.1}, or of another's at some
+sizes: {"libevent": {30: 1.1, 3000: 1.3}}. A name with a slash is that of another row, or of a size
+of the same one: {"/30": 1.1}.
 """
 
 from dataclasses import dataclass, field
@@ -42,19 +43,22 @@ SECTIONS = {
             {"/1": 2.0, "textbook": 1.1}, "waiting"),
     ],
     "Software timers": [
-        Row("timer.arm", "add one and delete it", {"floor": 1.0}, "alive", (300,)),
-        Row("timer.move", "refresh one", {"floor": 1.0}, "alive"),
-        Row("timer.ask", "ask for the time left", {"floor": 1.0}, "alive"),
-        Row("timer.pass", "a pass with nothing due", {"std::multimap": 1.1, "/30": 1.1}, "alive"),
-        Row("timer.fire", "one firing, of a hundred due", {"libevent": 0.5, "/30": 1.2}, "alive"),
+        Row("timer.arm", "add one and delete it",
+            {"libevent": {30: 1.1, 300: 1.1, 3000: 1.3}, "std::multimap": {100000: 1.0}}, "alive"),
+        Row("timer.replace", "delete one and add another",
+            {"libevent": {300: 1.1, 100000: 1.0}}, "alive"),
+        Row("timer.move", "refresh one", {"libevent": {300: 1.0}}, "alive"),
+        Row("timer.ask", "ask for the time left", {"std::multimap": 0.6}, "alive"),
+        Row("timer.pass", "a pass with nothing due", {"std::multimap": 0.8, "/30": 1.2}, "alive"),
+        Row("timer.fire", "one firing, of a hundred due", {"libevent": 0.2}, "alive"),
     ],
     "Watchdogs": [
-        Row("watchdog.arm", "start one and cancel it", {"floor": 1.0}, "alive"),
-        Row("watchdog.move", "restart one", {"floor": 1.0}, "alive"),
+        Row("watchdog.arm", "start one and cancel it",
+            {"floor": {300: 1.0}, "/30": {10000: 3.0}}, "alive"),
+        Row("watchdog.move", "restart one", {"floor": {300: 1.0}, "/30": {10000: 3.0}}, "alive"),
         Row("watchdog.pass", "a tick with nothing due", {"std::multimap": 1.1, "/30": 1.1},
             "alive"),
-        Row("watchdog.fire", "one firing, of a hundred due", {"libevent": 0.5, "/30": 1.2},
-            "alive"),
+        Row("watchdog.fire", "one firing, of a hundred due", {"libevent": 0.5}, "alive"),
     ],
     "Memory": [
         Row("pool.block", "a block of the pool: take and put back", {"g_slice": 1.3}),
@@ -95,7 +99,8 @@ SECTIONS = {
 }
 
 GROWTH = {  # the pictures that show what grows with what is alive, and their rows
-    "timers": ("timer.arm", "timer.pass", "timer.fire"),
+    "timers": ("timer.arm", "timer.replace", "timer.ask", "timer.fire"),
+    "watchdogs": ("watchdog.arm", "watchdog.pass", "watchdog.fire"),
     "tasks": ("task.lock", "task.verify", "task.delete"),
 }
 

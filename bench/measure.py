@@ -27,8 +27,10 @@ IDLE_WINDOW = 4.0
 START_ROUNDS = 15
 TIMERS = 400
 
-# The rows of a process whose timer pool is made for many.
-MANY = "^(timer|watchdog)[.]"
+# The rows of timers and watchdogs have, besides the usual process, one for each of these numbers
+# alive, whose pool is made for the number. Filling takes longer than measuring: few repetitions.
+MANY = {"timer": (3000, 30000, 100000), "watchdog": (10000,)}
+MANY_REPETITIONS = 8
 
 NS = {"ns": 1.0, "us": 1e3, "ms": 1e6, "s": 1e9}
 
@@ -69,11 +71,12 @@ def row_keys(build, pattern, environment):
     return sorted({line.partition("/")[0] for line in listed.stdout.splitlines() if "/" in line})
 
 
-def run_rows(build, pattern, repetitions, run=run_quietly, **environment):
-    """In random order, each row with its contestants interleaved in a process of its own: what
-    disturbs one of them for some seconds disturbs the others as well."""
+def run_rows(build, pattern, repetitions, kind="", run=run_quietly, **environment):
+    """Those of a kind, in random order, each row with its contestants interleaved in a process of
+    its own: what disturbs one of them for some seconds disturbs the others as well."""
     rows, errors = {}, []
-    keys = row_keys(build, pattern, environment) * PROCESSES
+    keys = [key for key in row_keys(build, pattern, environment) if key.startswith(kind)]
+    keys *= PROCESSES
     random.shuffle(keys)
     for key in keys:
         with tempfile.NamedTemporaryFile(suffix=".json") as out:
@@ -86,7 +89,7 @@ def run_rows(build, pattern, repetitions, run=run_quietly, **environment):
 def run_resolver_rows(build, repetitions):
     if not dns.available():
         return {}, ["dns: no network namespace or no dnsmasq here"]
-    return run_rows(build, "^dns[.]", repetitions, dns.run, HNETD_BENCH_DNS="1")
+    return run_rows(build, "^dns[.]", repetitions, run=dns.run, HNETD_BENCH_DNS="1")
 
 
 def run_facts(build):
@@ -175,10 +178,12 @@ def run_all(build, pattern, repetitions):
     began = time.monotonic()
     result = {"machine": machine(), "date": time.strftime("%Y-%m-%d"), "facts": {}, "idle": {}}
     result["rows"], result["errors"] = run_rows(build, pattern, repetitions)
-    if re.search(pattern, "many"):
-        many, errors = run_rows(build, MANY, repetitions, HNETD_BENCH_MANY="1")
-        result["rows"].update(many)
-        result["errors"] += errors
+    for kind, sizes in MANY.items():
+        for size in sizes:
+            many, errors = run_rows(build, pattern, min(repetitions, MANY_REPETITIONS), kind,
+                                    HNETD_BENCH_MANY=str(size))
+            result["rows"].update(many)
+            result["errors"] += errors
     if re.search(pattern, "dns"):
         found, errors = run_resolver_rows(build, repetitions)
         result["rows"].update(found)

@@ -5,7 +5,7 @@ usage: run.py <build directory> [--busy] [--record <file>] [--repetitions <n>] [
   --record <file>  put the table between the markers of that document
   filter           a regular expression: only rows whose name it is found in (bench/goals.py);
                    "idle" names the daemon's own figures, "facts" the counted ones, "dns" the
-                   resolver's, "many" the rows of timers and watchdogs with up to 30,000 alive
+                   resolver's
 """
 
 import argparse

@@ -16,6 +16,7 @@ struct delta_list {
         uint32_t gap; // after the one before
         int number;
     };
+    static constexpr bool WALKS = true;
     static inline int fired = 0;
     static inline std::vector<node> pool;
     static inline node* first_free = nullptr; // first in, first out
@@ -154,6 +155,7 @@ struct delta_list {
 
 struct multimap {
     using deadlines = std::multimap<uint64_t, int>;
+    static constexpr bool WALKS = false;
     static inline int fired = 0;
     std::mutex lock;
     deadlines timers;

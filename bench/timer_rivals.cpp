@@ -22,6 +22,7 @@ size_t index_of(int number)
 
 // With its locks, as a program of several threads has it.
 struct libevent {
+    static constexpr bool WALKS = false;
     static inline int fired = 0;
     event_base* base;
     std::vector<event*> events;
@@ -66,6 +67,7 @@ struct libevent {
 
 // For one thread alone: it has no locks.
 struct libuv {
+    static constexpr bool WALKS = false;
     static inline int fired = 0;
     uv_loop_t loop;
     std::vector<uv_timer_t> timers;
@@ -102,6 +104,7 @@ struct libuv {
 };
 
 struct asio {
+    static constexpr bool WALKS = false;
     static inline int fired = 0;
     boost::asio::io_context context;
     std::vector<std::unique_ptr<boost::asio::steady_timer>> timers;
@@ -133,6 +136,7 @@ struct asio {
 };
 
 struct glib {
+    static constexpr bool WALKS = false;
     static inline int fired = 0;
     GMainContext* context = g_main_context_new();
     std::vector<GSource*> sources;

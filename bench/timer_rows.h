@@ -12,6 +12,7 @@
 //   void tidy()                            outside the measured passes: reaps what dropping left
 //   void pass()                            lets time go by and runs what is due
 //   static int fired                       how many have run
+//   static const bool WALKS                whether its cost grows with the live ones by design
 #pragma once
 
 #include "bench.h"
@@ -23,10 +24,12 @@
 #include <string>
 
 /**
- * Most that are alive. A process has few or, with HNETD_BENCH_MANY, many: the service's pool is as
- * large as it was made, and blocks come from all over it.
+ * Most that are alive in this process: 300 or what HNETD_BENCH_MANY says, for the service's pool is
+ * as large as it was made, and blocks come from all over it.
  */
-inline const int TIMERS_MAX = getenv("HNETD_BENCH_MANY") != nullptr ? 30'000 : 300;
+constexpr int FEW = 300;
+inline const int TIMERS_MAX =
+    getenv("HNETD_BENCH_MANY") != nullptr ? atoi(getenv("HNETD_BENCH_MANY")) : FEW;
 constexpr int TIMERS_OWN = 100; // numbers that a run arms besides the live ones
 constexpr uint32_t FAR_FROM = 500'000'000;
 constexpr uint32_t FAR_TO = 2'000'000'000;
@@ -74,6 +77,23 @@ template <class Service> void arm_and_drop(benchmark::State& state)
     for (auto _ : state) {
         timers.service.arm(timers.live, FAR_FROM + random.below(FAR_TO - FAR_FROM));
         timers.service.drop(timers.live);
+        if (++round % 64 == 0) {
+            timers.service.tidy();
+        }
+    }
+}
+
+/** A random one goes, and comes back for another moment: what is due when is mixed up for good. */
+template <class Service> void replace_one(benchmark::State& state)
+{
+    filled<Service> timers(static_cast<int>(state.range(0)));
+    sequence random(19);
+    int round = 0;
+
+    for (auto _ : state) {
+        const int number = static_cast<int>(random.below(static_cast<uint32_t>(timers.live)));
+        timers.service.drop(number);
+        timers.service.arm(number, FAR_FROM + random.below(FAR_TO - FAR_FROM));
         if (++round % 64 == 0) {
             timers.service.tidy();
         }
@@ -142,46 +162,40 @@ template <class Service> void fire(benchmark::State& state)
 
 using row_t = void (*)(benchmark::State&);
 
-inline benchmark::internal::Benchmark* add_row(row_t row, const std::string& name, int64_t size)
+/** How many are alive. A service that walks its list is asked for few. */
+template <class Service> std::vector<int64_t> sizes_of()
 {
-    return benchmark::RegisterBenchmark(name.c_str(), row)->Arg(size);
+    if (TIMERS_MAX == FEW) {
+        return {30, FEW};
+    }
+    return Service::WALKS ? std::vector<int64_t>{} : std::vector<int64_t>{TIMERS_MAX};
 }
 
-/** A row that walks the list: few of its sizes are for this process, or many. */
-inline void add_walk(row_t row, const std::string& name, const std::vector<int64_t>& sizes)
+template <class Service> void add_rows(row_t row, const std::string& name, bool manual = false)
 {
-    for (int64_t size : sizes) {
-        if ((size > 300) == (TIMERS_MAX > 300)) {
-            add_row(row, name, size);
+    for (int64_t size : sizes_of<Service>()) {
+        benchmark::internal::Benchmark* added =
+            benchmark::RegisterBenchmark(name.c_str(), row)->Arg(size);
+        if (manual) {
+            added->UseManualTime();
         }
     }
 }
 
-/**
- * The rows that timers and watchdogs share. What must not grow with the number alive is compared
- * where nothing else differs, so all sizes are for the process of many.
- */
-template <class Service> bool add_timer_rows(const std::string& kind, const std::string& who)
+/** The rows that timers and watchdogs share. */
+template <class Service>
+bool add_watchdogs(const std::string& who, const std::string& kind = "watchdog")
 {
-    add_walk(move_one<Service>, kind + ".move/" + who, {300});
-    if (TIMERS_MAX > 300) {
-        for (int64_t size : {30, 300, 3000, 30000}) {
-            add_row(pass_idle<Service>, kind + ".pass/" + who, size);
-            add_row(fire<Service>, kind + ".fire/" + who, size)->UseManualTime();
-        }
-    }
+    add_rows<Service>(arm_and_drop<Service>, kind + ".arm/" + who);
+    add_rows<Service>(move_one<Service>, kind + ".move/" + who);
+    add_rows<Service>(pass_idle<Service>, kind + ".pass/" + who);
+    add_rows<Service>(fire<Service>, kind + ".fire/" + who, true);
     return true;
 }
 
 template <class Service> bool add_timers(const std::string& who)
 {
-    add_walk(arm_and_drop<Service>, "timer.arm/" + who, {30, 100, 300, 1000, 3000, 10000, 30000});
-    add_walk(ask_one<Service>, "timer.ask/" + who, {300});
-    return add_timer_rows<Service>("timer", who);
-}
-
-template <class Service> bool add_watchdogs(const std::string& who)
-{
-    add_walk(arm_and_drop<Service>, "watchdog.arm/" + who, {300});
-    return add_timer_rows<Service>("watchdog", who);
+    add_rows<Service>(replace_one<Service>, "timer.replace/" + who);
+    add_rows<Service>(ask_one<Service>, "timer.ask/" + who);
+    return add_watchdogs<Service>(who, "timer");
 }

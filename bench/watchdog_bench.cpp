@@ -6,6 +6,7 @@
 namespace {
 
 struct hnetd {
+    static constexpr bool WALKS = false;
     static inline int fired = 0;
     static inline std::vector<WDOG_ID> watchdogs;
 
