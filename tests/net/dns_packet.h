@@ -48,8 +48,7 @@ class dns_packet {
         return raw(u16(type) + u16(1));
     }
 
-    /** A record without its owner name, which went before; its length field may say what it likes.
-     */
+    /** A record without its owner name, which went before; its length field may lie. */
     dns_packet& rest(unsigned type, const std::string& data, int length = -1, uint32_t ttl = 60)
     {
         bump(current);
@@ -67,16 +66,22 @@ class dns_packet {
     }
     dns_packet& a(const std::string& name, const std::string& addr, uint32_t ttl = 60)
     {
-        char data[16];
-        const bool ipv4 = inet_pton(AF_INET, addr.c_str(), data) == 1;
-        if (!ipv4) {
-            inet_pton(AF_INET6, addr.c_str(), data);
-        }
-        return record(name, ipv4 ? A : AAAA, std::string(data, ipv4 ? 4 : 16), -1, ttl);
+        const bool ipv4 = addr.find(':') == std::string::npos;
+        std::string data(ipv4 ? 4 : 16, '\0');
+        inet_pton(ipv4 ? AF_INET : AF_INET6, addr.c_str(), data.data());
+        return record(name, ipv4 ? A : AAAA, data, -1, ttl);
     }
-    dns_packet& cname(const std::string& name, const std::string& target)
+
+    /** A record whose data ends with a name. */
+    dns_packet& named(const std::string& name, unsigned type, const std::string& data,
+                      const std::string& target)
     {
-        return named(name, CNAME, "", target);
+        record(name, type, data);
+        const size_t start = bytes.size() - data.size();
+        put_name(target);
+        bytes.replace(start - 2, 2, u16(static_cast<unsigned>(bytes.size() - start)));
+        ends.back().second = bytes.size();
+        return *this;
     }
     dns_packet& srv(const std::string& name, unsigned priority, unsigned weight, unsigned port,
                     const std::string& target)
@@ -97,17 +102,6 @@ class dns_packet {
     std::vector<std::pair<unsigned, size_t>> ends; // each record's type, and where it ends
 
   private:
-    // A record whose data ends with a name.
-    dns_packet& named(const std::string& name, unsigned type, const std::string& data,
-                      const std::string& target)
-    {
-        record(name, type, data);
-        const size_t start = bytes.size() - data.size();
-        put_name(target);
-        bytes.replace(start - 2, 2, u16(static_cast<unsigned>(bytes.size() - start)));
-        ends.back().second = bytes.size();
-        return *this;
-    }
     void put_name(std::string left)
     {
         while (!left.empty()) {
@@ -122,11 +116,7 @@ class dns_packet {
         }
         bytes += '\0';
     }
-    void bump(dns_section s)
-    {
-        const unsigned low = static_cast<unsigned char>(bytes[5 + 2 * s]);
-        count(s, low + 1); // fewer than 256
-    }
+    void bump(dns_section s) { bytes[5 + 2 * s]++; } // fewer than 256
 
     dns_section current = ANSWER;
     std::map<std::string, size_t> seen; // suffix to offset

@@ -1,52 +1,23 @@
 #include "dns_double.h"
 #include "fail.h"
 #include "hostLib.h"
-#include "internal.h"
 #include "look_up.h"
-#include "task_probe.h"
-
-#include <gtest/gtest.h>
-
-#include <semaphore>
-#include <thread>
-
-#if defined(__SANITIZE_ADDRESS__)
-#include <sanitizer/lsan_interface.h>
-#else
-#define __lsan_do_recoverable_leak_check() 0
-#endif
 
 using std::string;
 
-static string looked_up;   // calls of gethostbyname, "a|b|"
-static in_addr named = {}; // what it finds
-static char* addresses_found[] = {reinterpret_cast<char*>(&named), nullptr};
-static hostent host_found = {};
+static string looked_up; // calls of gethostbyname, "a|b|"
 
-// Finds a host of any name but "gone", with an address or without.
+// Finds a host of any name but "gone": without an address if it is "empty".
 extern "C" hostent* __wrap_gethostbyname(const char* name)
 {
+    static in_addr found = {inet_addr("10.9.8.7")};
+    static char* addrs[] = {reinterpret_cast<char*>(&found), nullptr};
+    static hostent host = {};
+
     EXPECT_GT(self_record->depth, 0); // nobody ends while the C library holds a lock over it
     looked_up += string(name) + '|';
-    host_found.h_addr_list = addresses_found + (named.s_addr == 0 ? 1 : 0);
-    return looked_up.ends_with("gone|") ? nullptr : &host_found;
-}
-
-static std::atomic<int> zone_changes;
-
-// The resolver reads the environment, and not while we change it.
-extern "C" int __wrap_setenv(const char*, const char*, int)
-{
-    const int inits = dns_inits;
-    usleep(2000);
-    EXPECT_EQ(dns_inits, inits);
-    zone_changes++;
-    return 0;
-}
-
-extern "C" int __wrap_system(const char*)
-{
-    return 0;
+    host.h_addr_list = addrs + (looked_up.ends_with("empty|") ? 1 : 0);
+    return looked_up.ends_with("gone|") ? nullptr : &host;
 }
 
 // What an A query with this answer gives.
@@ -87,8 +58,8 @@ TEST_F(ResolverTest, Addresses)
 
     // Aliases are stepped over; all sections are looked at, by both queries.
     dns_packet alias;
-    alias.question("www.x", A).cname("www.x", "longer-than-an-address.x");
-    alias.cname("longer-than-an-address.x", "b.y").a("b.y", "10.0.0.1", 0x80000001);
+    alias.question("www.x", A).named("www.x", CNAME, "", "longer-than-an-address.x");
+    alias.named("longer-than-an-address.x", CNAME, "", "b.y").a("b.y", "10.0.0.1", 0x80000001);
     alias.record("b.y", TXT, string(200, 't')).section(AUTHORITY).a("ns.y", "10.0.0.2");
     alias.section(ADDITIONAL).a("ns.y", "::2");
     dns_answer("www.x", A, alias.bytes);
@@ -188,12 +159,11 @@ TEST_F(ResolverTest, LyingLengthsAndCounts)
         unsigned count;
         string results;
     } cases[] = {
-        {ANSWER, 65535, both},   {ANSWER, 1, one},         {ANSWER, 0, ""},
-        {AUTHORITY, 65534, ""}, // the sum wraps to 0
+        {ANSWER, 2, both},       {ANSWER, 65535, both},    {ANSWER, 1, one},
+        {ANSWER, 0, ""},         {AUTHORITY, 65534, ""}, // the sum wraps to 0
         {AUTHORITY, 65535, one}, {ADDITIONAL, 65535, one}, {QUESTION, 65535, ""},
         {QUESTION, 2, ""}, // the first record's start is skipped for a question
     };
-    EXPECT_EQ(parsed(two), both);
     for (const auto& c : cases) {
         EXPECT_EQ(parsed(dns_packet(two).count(c.section, c.count)), c.results)
             << c.section << ' ' << c.count;
@@ -231,9 +201,6 @@ TEST_F(ResolverTest, WhatCannotBeSteppedOverEndsTheWalk)
         EXPECT_EQ(parsed(dns_packet(first).record("host.x", A, addr, length)), good);
         EXPECT_EQ(parsed(dns_packet(first).record("host.x", TXT, addr, length)), good);
     }
-    // A pointer ahead is the platform's to judge.
-    const string ahead = parsed(dns_packet(first).raw("\xc0\x2f").rest(A, addr));
-    EXPECT_TRUE(ahead == good || ahead == good + "10.0.0.2 60|") << ahead;
     // Read from one byte back, what follows would make an address.
     const string one_back("\x01\0\x80\0\0\0\x05\0\x04\x0a\0\0\x09", 13);
     dns_packet zero;
@@ -299,27 +266,26 @@ TEST_F(ResolverTest, DataIsBoundedByItsLength)
 TEST_F(ResolverTest, CutAnswers)
 {
     dns_packet answer;
-    answer.question("x", A).cname("x", "y.x").a("y.x", "10.0.0.1").srv("x", 1, 0, 1, "a.x");
+    answer.question("x", A).named("x", CNAME, "", "y.x").a("y.x", "10.0.0.1");
+    answer.srv("x", 1, 0, 1, "a.x");
     answer.naptr("x", 1, 1, "s", "SIP+D2U", "_sip._udp.x", "!a!b!");
     answer.section(ADDITIONAL).srv("x", 2, 0, 1, "b.x").a("z.x", "10.0.0.2");
     answer.naptr("x", 2, 1, "s", "SIP+D2T", "_sip._tcp.x").record("x", TXT, "text");
-    const struct {
-        queryType_e type;
-        dns_type kind;
-        long queries_each; // for every record taken
-    } cases[] = {{QUERY_ADDRESS, A, 0}, {QUERY_SRV, SRV, 2}, {QUERY_NAPTR, NAPTR, 1}};
-    for (const auto& c : cases) {
+    // What a record of the kind leads to: one result, or so many queries.
+    const std::tuple<queryType_e, unsigned, long> cases[] = {
+        {QUERY_ADDRESS, A, 1}, {QUERY_SRV, SRV, 2}, {QUERY_NAPTR, NAPTR, 1}};
+    for (const auto& [type, kind, each] : cases) {
         for (size_t at = 0; at <= answer.bytes.size(); at++) {
-            const auto is_taken = [&c, at](const auto& end) {
-                return end.first == c.kind && end.second <= at;
-            };
-            const auto whole = std::count_if(answer.ends.begin(), answer.ends.end(), is_taken);
+            long expected = 0;
+            for (const auto& [record, end] : answer.ends) {
+                expected += record == kind && end <= at ? each : 0;
+            }
             dns_clear();
-            dns_answer("x", c.kind, answer.bytes.substr(0, at));
-            const string results = look_up("x", c.type);
-            const long found = std::count(results.begin(), results.end(), '|');
-            const bool direct = c.type == QUERY_ADDRESS;
-            ASSERT_EQ(direct ? found : (dns_query_count() - 1) / c.queries_each, whole) << at;
+            dns_answer("x", kind, answer.bytes.substr(0, at));
+            const string results = look_up("x", type);
+            ASSERT_EQ(type == QUERY_ADDRESS ? count_of(results) : count_of(dns_queries) - 1,
+                      expected)
+                << at;
         }
     }
 }
@@ -338,7 +304,7 @@ TEST_F(ResolverTest, WithoutMemoryWhatIsThereIsUsedAndNothingLeaks)
     add_host("one.x", 1);
     add_host("two.x", 2);
     const string all = look_up("x", QUERY_NAPTR, SERV_SIP);
-    ASSERT_EQ(std::count(all.begin(), all.end(), '|'), 6);
+    ASSERT_EQ(count_of(all), 6);
 
     for (const bool and_after : {false, true}) {
         bool hit = true;
@@ -355,40 +321,13 @@ TEST_F(ResolverTest, WithoutMemoryWhatIsThereIsUsedAndNothingLeaks)
             ASSERT_TRUE(hit || some == all);
         }
     }
-    fail_malloc(1);
-    EXPECT_EQ(osaGetHostByName("10.0.0.1", QUERY_ADDRESS, SERV_NONE), nullptr);
-    fail_nothing();
-    EXPECT_EQ(__lsan_do_recoverable_leak_check(), 0);
 }
 
 TEST_F(ResolverTest, DeletionTakesEffectBetweenTwoQueries)
 {
-    std::binary_semaphore asked(0);
-    std::binary_semaphore deleted(0);
-    probe p;
-
-    dns_packet services;
-    services.srv("x", 1, 0, 5, "one.x").srv("x", 2, 0, 6, "two.x");
-    dns_answer("x", SRV, services.bytes);
     add_host("one.x", 1);
-    dns_on_query = [&] {
-        if (dns_query_count() == 2) {
-            asked.release();
-            deleted.acquire();
-        }
-    };
-    const taskId_t id = spawn([&] {
-        probe_attach(&p);
-        osaFreeHostInfoList(osaGetHostByName("x", QUERY_SRV, SERV_NONE));
-        ADD_FAILURE() << "not ended";
-    });
-    asked.acquire();
-    EXPECT_EQ(taskDelete(id), OK);
-    EXPECT_FALSE(p.ended); // a query is not cut short
-    deleted.release();
-    EXPECT_TRUE(eventually([&] { return p.ended.load(); }));
-    EXPECT_EQ(dns_queries, "SRV x|A one.x|");
-    EXPECT_EQ(__lsan_do_recoverable_leak_check(), 0);
+    EXPECT_TRUE(ends_in(&dns_on_query, [] { addresses("one.x"); }));
+    EXPECT_EQ(dns_queries, "A one.x|");
 }
 
 TEST_F(ResolverTest, ThreadsDoNotMeet)
@@ -397,40 +336,31 @@ TEST_F(ResolverTest, ThreadsDoNotMeet)
     for (const int n : {1, 2, 3, 4}) {
         add_host("host" + std::to_string(n), n);
     }
-    for (const int n : {1, 2, 3, 4}) {
-        threads.emplace_back([number = std::to_string(n)] {
-            for (int i = 0; i < 200 || zone_changes < 5; i++) {
-                ASSERT_EQ(addresses("host" + number),
-                          "10.0.0." + number + " 60|fd00::" + number + " 60|");
+    for (const string number : {"1", "2", "3", "4"}) {
+        threads.emplace_back([number] {
+            const string expected = "10.0.0." + number + " 60|fd00::" + number + " 60|";
+            for (int i = 0; i < 200; i++) {
+                ASSERT_EQ(addresses("host" + number), expected);
             }
         });
-    }
-    for (int i = 0; i < 5; i++) {
-        char zone[] = "UTC0";
-        EXPECT_EQ(osaUpdateTimeZone(zone), OK);
     }
 }
 
 // By either of its names, the second of which is the host table's hook.
 TEST_F(ResolverTest, GetHostByNameBehindTheLiterals)
 {
+    const std::pair<const char*, const char*> cases[] = {
+        {nullptr, "255.255.255.255"}, // INADDR_NONE, which the parser cannot tell from a failure
+        {"10.1.2.3", "10.1.2.3"},     {"gone", "255.255.255.255"},    {"host", "10.9.8.7"},
+        {"empty", "255.255.255.255"}, {"255.255.255.255", "10.9.8.7"}};
     hostTblInit();
     for (const FUNCPTR by_name :
          {reinterpret_cast<FUNCPTR>(osaGetIpFromName), _presolvHostLibGetByName}) {
-        const auto address_of = [by_name](const char* name) {
-            return reinterpret_cast<in_addr_t (*)(const char*)>(by_name)(name);
-        };
         looked_up.clear();
-        EXPECT_EQ(address_of(nullptr), INADDR_NONE);
-        EXPECT_EQ(address_of("10.1.2.3"), inet_addr("10.1.2.3"));
-        EXPECT_EQ(looked_up, "");
-        named.s_addr = inet_addr("10.9.8.7");
-        EXPECT_EQ(address_of("gone"), INADDR_NONE);
-        EXPECT_EQ(address_of("host"), inet_addr("10.9.8.7"));
-        named.s_addr = 0;
-        EXPECT_EQ(address_of("empty"), INADDR_NONE);
-        // What the parser cannot tell from a failure.
-        EXPECT_EQ(address_of("255.255.255.255"), INADDR_NONE);
+        for (const auto& [name, found] : cases) {
+            EXPECT_EQ(reinterpret_cast<in_addr_t (*)(const char*)>(by_name)(name),
+                      inet_addr(found));
+        }
         EXPECT_EQ(looked_up, "gone|host|empty|255.255.255.255|");
     }
     EXPECT_EQ(resolv(nullptr, nullptr, 0), nullptr);

@@ -22,9 +22,8 @@ if [ "$1" != --inside ]; then
     "${inside[@]}" true || skip "this system does not allow network and mount namespaces"
     exec "${inside[@]}" bash "$0" --inside "$@"
 fi
-shift
-servers=$1 program=$2
-shift 2
+servers=$2 program=$3
+shift 3
 
 dir=$(mktemp -d)
 cd "$dir"
@@ -85,7 +84,7 @@ END
 printf 'many A 198.51.100.%d\n' {1..60} >>zone
 printf '%s\n' 'local stratum 1' 'allow all' 'cmdport 0' "pidfile $dir/chrony.pid" >chrony.conf
 
-"$program" --raise-loopback
+ip link set lo up
 export LD_LIBRARY_PATH=$servers/lib
 setpriv --pdeathsig KILL "$servers/nsd" -d -c nsd.conf >nsd.log 2>&1 &
 setpriv --pdeathsig KILL "$servers/chronyd" -d -x -u root -f "$dir/chrony.conf" >chrony.log 2>&1 &

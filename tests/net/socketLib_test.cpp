@@ -2,11 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <cstring>
-#include <netinet/in.h>
 #include <unistd.h>
-#include <vector>
 
 using std::string;
 
@@ -24,24 +23,14 @@ static sockIpAddr_t address(const char* text)
 }
 
 // What the check of a quad has always been; the product has its own few lines instead.
-static bool scanf_accepts(const char* s)
+static bool scanf_accepts(const string& s)
 {
     unsigned d[4];
-    char tail[16] = "";
+    char tail[16];
 
-    if (strlen(s) < 7 || strlen(s) > 15) {
-        return false;
-    }
-    if (sscanf(s, "%3u.%3u.%3u.%3u%s", &d[0], &d[1], &d[2], &d[3], tail) != 4) {
-        return false;
-    }
-    return tail[0] == '\0' && d[0] < 256 && d[1] < 256 && d[2] < 256 && d[3] < 256;
-}
-
-static bool is_accepted(const string& s)
-{
-    std::vector<char> copy(s.c_str(), s.c_str() + s.size() + 1); // a read past it is seen
-    return validateIP4Dotted(copy.data()) != 0;
+    return s.size() >= 7 && s.size() <= 15 &&
+           sscanf(s.c_str(), "%3u.%3u.%3u.%3u%s", &d[0], &d[1], &d[2], &d[3], tail) == 4 &&
+           *std::max_element(d, d + 4) < 256;
 }
 
 TEST(QuadTest, AcceptsExactlyWhatScanfDoes)
@@ -56,9 +45,32 @@ TEST(QuadTest, AcceptsExactlyWhatScanfDoes)
         for (size_t rest = i / std::size(tails), n = 0; n < 4; n++, rest /= PARTS) {
             s = parts[rest % PARTS] + (n > 0 ? '.' + s : s);
         }
-        ASSERT_EQ(is_accepted(s), scanf_accepts(s.c_str())) << s;
+        const std::vector<char> copy(s.c_str(), s.c_str() + s.size() + 1); // a read past it is seen
+        ASSERT_EQ(validateIP4Dotted(copy.data()) != 0, scanf_accepts(s)) << s;
     }
     EXPECT_FALSE(validateIP4Dotted(nullptr));
+}
+
+// What a storage holds comes back, piece by piece, and makes the same storage again.
+static void expect_pieces(sockAddrStorage_t* ss, const string& text)
+{
+    const bool ipv4 = text.find(':') == string::npos;
+    sockAddrStorage_t other = {};
+    uint16_t port = 0;
+    sockIpAddr_t addr;
+    char unaligned[17];
+    memset(&addr, 0xee, sizeof addr);
+    EXPECT_EQ(sockGetStorageFamily(ss), ipv4 ? AF_INET : AF_INET6);
+    EXPECT_EQ(reinterpret_cast<sockaddr_in*>(ss)->sin_port, htons(0x1234));
+    EXPECT_EQ(sockSetStoragePort(ss, 0xff01), SEC_OK);
+    EXPECT_EQ(sockGetStoragePort(ss, &port), SEC_OK);
+    EXPECT_EQ(port, 0xff01);
+    EXPECT_EQ(sockGetStorageBinaryAddr(ss, &addr), SEC_OK);
+    EXPECT_EQ(text_of(&addr), text);
+    EXPECT_TRUE(!ipv4 || addr.addr.ip.v6[3] == 0xeeeeeeee); // the unused bytes stay
+    char* const binary = static_cast<char*>(memcpy(unaligned + 1, &addr.addr, 16));
+    sockSetStorageByBinaryAddr(SOCK_IPTYPE_OTHER, addr.ver, binary, port, &other);
+    EXPECT_EQ(memcmp(ss, &other, sizeof other), 0);
 }
 
 // To a compact address and into a storage, and back: "" for what does not convert.
@@ -112,6 +124,9 @@ TEST(TextTest, ConvertsAsThePlatformParses)
         EXPECT_EQ(sockGetStorageStringAddr(&ss, buf, sizeof buf),
                   c.back.empty() ? SEC_UNSPEC : SEC_OK);
         EXPECT_EQ(buf, c.back);
+        if (result == SEC_OK) {
+            expect_pieces(&ss, c.back);
+        }
     }
     EXPECT_EQ(sockIsValidAddr(nullptr), 0);
     EXPECT_EQ(sockGetIpVer(nullptr), IPVER_UNSPEC);
@@ -134,31 +149,6 @@ TEST(TextTest, Ipv4TextIsCut)
     EXPECT_EQ(sockIpAddrNtop(nullptr, nullptr, 0), SEC_INVALID_ADDR);
     addr.ver = static_cast<sockIpVer_e>(3);
     EXPECT_EQ(sockIpAddrNtop(&addr, buf, 4), SEC_UNSPEC);
-}
-
-TEST(StorageTest, PortsAndAddressesComeBack)
-{
-    for (const char* text : {"10.1.2.3", "2001:db8::7"}) {
-        const bool ipv4 = strchr(text, '.') != nullptr;
-        sockAddrStorage_t ss = {};
-        sockAddrStorage_t other = {};
-        uint16_t port = 0;
-        sockIpAddr_t addr;
-        char unaligned[17];
-        memset(&addr, 0xee, sizeof addr);
-        sockSetStorageByStringAddr(text, 5060, &ss);
-        EXPECT_EQ(sockGetStorageFamily(&ss), ipv4 ? AF_INET : AF_INET6);
-        EXPECT_EQ(reinterpret_cast<sockaddr_in*>(&ss)->sin_port, htons(5060));
-        EXPECT_EQ(sockSetStoragePort(&ss, 0xff01), SEC_OK);
-        EXPECT_EQ(sockGetStoragePort(&ss, &port), SEC_OK);
-        EXPECT_EQ(port, 0xff01);
-        EXPECT_EQ(sockGetStorageBinaryAddr(&ss, &addr), SEC_OK);
-        EXPECT_EQ(text_of(&addr), text);
-        EXPECT_EQ(addr.addr.ip.v6[3] == 0xeeeeeeee, ipv4); // the unused bytes stay
-        char* const binary = static_cast<char*>(memcpy(unaligned + 1, &addr.addr, 16));
-        sockSetStorageByBinaryAddr(SOCK_IPTYPE_OTHER, addr.ver, binary, port, &other);
-        EXPECT_EQ(memcmp(&ss, &other, sizeof ss), 0);
-    }
 }
 
 TEST(StorageTest, WellKnownAddressesAndRefusals)
@@ -251,26 +241,25 @@ TEST(PeerTest, OnlyConnectedInternetSocketsHaveAnAddress)
     sockAddrStorage_t target = {};
     sockAddrStorage_t peer;
     sockIpAddr_t addr = address("9.9.9.9");
-    int pair[2];
-    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, pair), 0);
-    EXPECT_EQ(sockGetPeerAddr(pair[0], &addr), SEC_UNSPEC);
-    EXPECT_EQ(text_of(&addr), "9.9.9.9");
-    EXPECT_EQ(sockGetPeerAddr(pair[0], nullptr), SEC_INVALID_PARAM);
-    EXPECT_EQ(sockGetPeerName(pair[0], nullptr), SEC_INVALID_PARAM);
-    close(pair[0]);
-    close(pair[1]);
-
-    ASSERT_EQ(sockSetStorageByStringAddr("127.0.0.1", 4242, &target), SEC_OK);
+    const auto expect_peer = [&](int fd, sockErrCode_e name, sockErrCode_e of_addr, int family) {
+        memset(&peer, 0xee, sizeof peer);
+        EXPECT_EQ(sockGetPeerName(fd, &peer), name);
+        EXPECT_EQ(peer.ss_family, family); // cleared all the same
+        EXPECT_EQ(sockGetPeerAddr(fd, &addr), of_addr);
+        EXPECT_EQ(text_of(&addr), of_addr == SEC_OK ? "127.0.0.1" : "9.9.9.9");
+        EXPECT_EQ(sockGetPeerName(fd, nullptr), SEC_INVALID_PARAM);
+        EXPECT_EQ(sockGetPeerAddr(fd, nullptr), SEC_INVALID_PARAM);
+    };
+    int local[2];
+    ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, local), 0);
+    expect_peer(local[0], SEC_OK, SEC_UNSPEC, AF_UNIX);
     const int fd = socket(AF_INET, SOCK_DGRAM, 0);
-    memset(&peer, 0xee, sizeof peer);
-    EXPECT_EQ(sockGetPeerName(fd, &peer), SEC_INVALID_PARAM);
-    EXPECT_EQ(peer.ss_family, 0); // cleared all the same
-    EXPECT_EQ(sockGetPeerAddr(fd, &addr), SEC_INVALID_PARAM);
+    expect_peer(fd, SEC_INVALID_PARAM, SEC_INVALID_PARAM, 0);
+    ASSERT_EQ(sockSetStorageByStringAddr("127.0.0.1", 4242, &target), SEC_OK);
     ASSERT_EQ(connect(fd, reinterpret_cast<sockaddr*>(&target), sizeof target), 0);
-    memset(&peer, 0xee, sizeof peer);
-    EXPECT_EQ(sockGetPeerName(fd, &peer), SEC_OK);
+    expect_peer(fd, SEC_OK, SEC_OK, AF_INET);
     EXPECT_EQ(memcmp(&peer, &target, sizeof peer), 0);
-    EXPECT_EQ(sockGetPeerAddr(fd, &addr), SEC_OK);
-    EXPECT_EQ(text_of(&addr), "127.0.0.1");
-    close(fd);
+    for (const int file : {local[0], local[1], fd}) {
+        close(file);
+    }
 }
