@@ -102,6 +102,8 @@ GROWTH = {  # the pictures that show what grows with what is alive, and their ro
     "timers": ("timer.arm", "timer.replace", "timer.ask", "timer.fire"),
     "watchdogs": ("watchdog.arm", "watchdog.pass", "watchdog.fire"),
     "tasks": ("task.lock", "task.verify", "task.delete"),
+    "queues": ("queue.many", "queue.create"),
+    "waiters": ("sem.crowd", "queue.receivers", "queue.senders"),
 }
 
 RSS_KIB = 3 * 1024
