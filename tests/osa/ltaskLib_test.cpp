@@ -60,19 +60,21 @@ TEST_F(TaskTest, SpawnedTaskIsNamedListedAndGivenItsArguments)
     char name[] = "tLowPriWithALongName";
     char full[] = "tLowPriWithALongName";
     char spawners[16];
+    std::atomic<bool> looked{false};
     int priority = 0;
     prctl(PR_GET_NAME, spawners);
     const auto look = [&] {
         char own[16];
         prctl(PR_GET_NAME, own);
         EXPECT_STREQ(own, spawners);
+        looked = true; // what it looked at is the test's again
         wait_forever();
     };
     const taskId_t unnamed = spawn(look, nullptr);
     const taskId_t id = spawn_entry(name, TEN_INTS);
     const taskId_t twin = spawn(wait_forever, full);
     memset(name, 'x', 4); // the task has a copy
-    ASSERT_TRUE(eventually([] { return own_name != nullptr; }));
+    ASSERT_TRUE(eventually([&] { return own_name != nullptr && looked; }));
     EXPECT_EQ(got, (std::array{1, 2, 3, 4, 5, 6, 7, 8, 9, 10}));
     EXPECT_STREQ(thread_name, "tLowPriWithALon");
     EXPECT_STREQ(taskName(id), full);
