@@ -33,7 +33,7 @@ static const char DELETED[] = "this signal is 10 \n";
 static int wait_forever()
 {
     for (;;) {
-        taskDelay(1000);
+        taskDelay(100);
     }
 }
 
