@@ -82,7 +82,7 @@ TEST_F(TimerTest, AgreesWithAPlainModel)
     forget_service(UINT32_MAX - 2000);
     uTimerRun(0);
     fail_malloc(1, true);
-    for (uint32_t step = 0, next_id = uTimerId; step < 200'000; step++) {
+    for (uint32_t step = 0, next_id = uTimerId; step < 80'000; step++) {
         const int32_t timeout = int32_t(pick(60)) * 5 - 5;
         const int32_t gap = int32_t(pick(30)) - 5;
         const bool known = !model.empty() && pick(8) != 0;

@@ -111,8 +111,7 @@ static bool service_exists(void)
     return load_acquire(&service_created);
 }
 
-/** Builds the pool, and what goes with it. @return false without memory; there are no timers then
- */
+/** Builds the pool, and what goes with it. @return false without memory; there are none then */
 static bool uTimerBmMgrInit(int32_t timerTotal) REQUIRES(creationHeld) UNCHECKED
 {
     const uint32_t blocks =

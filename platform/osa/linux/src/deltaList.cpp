@@ -153,27 +153,39 @@ void delta_pull(delta_list_t* list, uint32_t from, int64_t by)
     }
 }
 
+/** Takes what is due out of the earliest cell. @return whether the cell is empty now */
+static bool cut_cell(delta_list_t* list, delta_cell_t* cell, uint32_t* last)
+{
+    const delta_link_t* links = list->links;
+    const int64_t now = links[0].due;
+    uint32_t rest = cell->first;
+    uint32_t left = cell->count;
+
+    for (; left > 0 && links[rest].due <= now; left--) {
+        *last = rest;
+        rest = links[rest].next;
+    }
+    list->size -= cell->count - left;
+    *cell = {.first = rest, .count = left};
+    return left == 0;
+}
+
 uint32_t delta_cut(delta_list_t* list)
 {
     delta_link_t* links = list->links;
     const uint32_t chain = links[0].next;
-    const int64_t now = links[0].due;
-    uint32_t rest = chain;
     uint32_t last = 0;
 
-    while (rest != 0 && links[rest].due <= now) {
-        delta_cell_t* earliest = &list->cells[list->order[list->used - 1]];
-        last = rest;
-        rest = links[rest].next;
-        earliest->first = rest;
-        earliest->count--;
-        list->used -= earliest->count == 0 ? 1 : 0;
-        list->size--;
+    while (list->used > 0 && cut_cell(list, &list->cells[list->order[list->used - 1]], &last)) {
+        list->used--;
     }
+    if (last == 0) {
+        return 0;
+    }
+    links[0].next = links[last].next;
+    links[links[0].next].before = 0;
     links[last].next = 0;
-    links[0].next = rest;
-    links[rest].before = 0;
-    return last == 0 ? 0 : chain;
+    return chain;
 }
 
 void delta_put_back(delta_list_t* list, uint32_t chain)
