@@ -77,7 +77,8 @@ def plot_contestants(results, directory):
     lines = []
     for rows in goals.SECTIONS.values():
         for row in rows:
-            if "hnetd" not in results.contestants(row.key):
+            others = set(results.contestants(row.key)) - {"hnetd"}
+            if not others or "hnetd" not in results.contestants(row.key):
                 continue
             sizes = results.sizes(row.key)
             for size in sizes if len(sizes) <= 4 else [size for size in sizes if size == 300]:
@@ -123,7 +124,7 @@ def draw_growth(axes, results, row):
                   linewidth=2.4 if who == "hnetd" else 1.3, markersize=6)
     axes.set_xscale("log")
     axes.set_yscale("log")
-    axes.set_title(row.title, fontsize=10)
+    axes.set_title(row.title, fontsize=9)
     axes.set_xlabel(row.sizes)
     axes.xaxis.set_major_formatter(FuncFormatter(lambda x, _: f"{x:,.0f}"))
     axes.xaxis.set_minor_formatter(NullFormatter())
