@@ -3,6 +3,9 @@
 // The context is made once and never freed: the service thread uses it until the process ends.
 // Everything in it but running belongs to the service thread.
 //
+// SIGTERM may strike any thread, with any lock in its hands: its handler leaves a mark and nothing
+// else, and the service thread, which looks at the mark after each cycle, does the stopping.
+//
 // Lock: mutex of the context guards running, for one read or write at a time.
 #include "hnetd.h"
 
@@ -10,6 +13,7 @@
 #include "uBm.h"
 #include "uTimer.h"
 
+#include <signal.h>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -26,6 +30,7 @@ typedef struct hnetdContext {
 } hnetdContext_t;
 
 static hnetdContext_t* gHNetdContext = nullptr; // atomic: hnetdStop may come from any thread
+static int stop_signalled = 0;                  // 1: SIGTERM came; atomic
 
 static void set_running(hnetdContext_t* context, int running)
 {
@@ -74,6 +79,22 @@ static void* hnetdLoopEntry([[maybe_unused]] void* args)
     main_v2lin(0, nullptr);
 }
 
+static void note_sigterm(int)
+{
+    store_relaxed(&stop_signalled, 1);
+}
+
+static void catch_sigterm(void)
+{
+    struct sigaction action = {};
+
+    action.sa_handler = note_sigterm;
+    action.sa_flags = static_cast<int>(SA_RESTART | SA_RESETHAND);
+    sigemptyset(&action.sa_mask);
+    sigaddset(&action.sa_mask, SIGUSR1); // a task deleted in the handler would take the mark along
+    sigaction(SIGTERM, &action, nullptr);
+}
+
 int hnetdStart(void)
 {
     hnetdContext_t* context = static_cast<hnetdContext_t*>(uMalloc(sizeof(hnetdContext_t)));
@@ -83,7 +104,11 @@ int hnetdStart(void)
     pthread_mutex_init(&context->mutex, nullptr);
     set_running(context, 1);
     store_release(&gHNetdContext, context); // before the thread that reads it
-    return pthread_create(&context->tid, nullptr, hnetdLoopEntry, nullptr) == 0 ? 0 : -1;
+    if (pthread_create(&context->tid, nullptr, hnetdLoopEntry, nullptr) != 0) {
+        return -1; // and nobody to look at the mark: SIGTERM goes on ending the process by itself
+    }
+    catch_sigterm();
+    return 0;
 }
 
 void hnetdStop(void)
@@ -103,5 +128,8 @@ void user_syskill(void)
 {
     do {
         hnetdTimer();
+        if (load_relaxed(&stop_signalled) != 0) {
+            hnetdStop();
+        }
     } while (is_running(load_relaxed(&gHNetdContext)));
 }

@@ -4,6 +4,10 @@
 // start-up frame, whose hooks user_sysinit and user_syskill (internal.h) are the daemon's: the
 // first enters the net library on the root task, the second is the pump of the software timers. All
 // callbacks of software timers run on the service thread; one that blocks holds up every timer.
+//
+// SIGTERM, which init sends, stops the daemon like hnetdStop, from the moment the service thread
+// exists; without one it ends the process by itself. A second one ends the process at once, as when
+// a callback blocks and the cycle in progress has no end.
 #pragma once
 
 #ifdef __cplusplus
@@ -11,7 +15,7 @@ extern "C" {
 #endif
 
 /**
- * Makes the context and starts the service thread. Called once, by main.
+ * Makes the context, starts the service thread and takes SIGTERM over. Called once, by main.
  *
  * @return 0, or -1 without memory or without a thread; the daemon then lives on without the layer,
  *         the net library and the pump

@@ -122,6 +122,16 @@ static void expect_threads(const daemon_process& daemon, const names& expected)
     EXPECT_EQ(daemon.threads(), expected);
 }
 
+static void expect_killed(int status, int signal)
+{
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == signal) << status;
+}
+
+static void expect_exit(int status, int value)
+{
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == value) << status;
+}
+
 TEST(DaemonTest, ShowsItselfAtWorkUntilCtrlC)
 {
     daemon_process daemon("", "");
@@ -142,8 +152,7 @@ TEST(DaemonTest, ShowsItselfAtWorkUntilCtrlC)
                             "tDemoSntpServer", "tDemoInspect"});
     EXPECT_EQ(daemon.lines("not reached") + daemon.lines("deleted timer"), "");
 
-    const int status = daemon.end(SIGINT);
-    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGINT) << status;
+    expect_killed(daemon.end(SIGINT), SIGINT);
 }
 
 TEST(DaemonTest, StartsInOrderAndEndsWhenThePoolIsLeft)
@@ -152,8 +161,7 @@ TEST(DaemonTest, StartsInOrderAndEndsWhenThePoolIsLeft)
 
     daemon.await("net: hnetInit on tUsrRoot");
     daemon.await("net: with exception task, no arguments, exit value 0, host table 1, log 0");
-    const int status = daemon.end(0);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
+    expect_exit(daemon.end(0), 0);
     EXPECT_EQ(daemon.lines("proxy:"), "proxy: SIGPIPE ignored\n");
     EXPECT_EQ(daemon.lines("binder:"),
               "binder: held, 2\nbinder: held, 3\nbinder: startThreadPool\nbinder: let go, 2\n"
@@ -165,7 +173,8 @@ TEST(DaemonTest, StartsInOrderAndEndsWhenThePoolIsLeft)
     EXPECT_GT(after, before) << "the service thread starts between the proxy service and the pool";
 }
 
-// Nothing but four threads runs until a library asks, and each starts the next.
+// Nothing but four threads runs until a library asks, and each starts the next. SIGTERM ends the
+// daemon in order as soon as there is a service thread to see to that.
 TEST(DaemonTest, GoesOnWithoutTheThreadsThatCannotBeCreated)
 {
     static const std::string END =
@@ -189,7 +198,30 @@ TEST(DaemonTest, GoesOnWithoutTheThreadsThatCannotBeCreated)
         sleep(1);
         expect_threads(daemon, c.threads);
         EXPECT_EQ(daemon.lines(c.unseen), "");
+        if (c.threads.size() == 1) {
+            expect_killed(daemon.end(SIGTERM), SIGTERM);
+        } else {
+            expect_exit(daemon.end(SIGTERM), 0);
+        }
     }
+}
+
+TEST(DaemonTest, ASecondSigtermEndsItThoughThePumpIsStuck)
+{
+    daemon_process daemon("HNETD_PROBE=stuck");
+    daemon.await("net: the pump is stuck");
+    const auto reset = [&] { // by the first, which a second one would otherwise fall together with
+        std::ifstream file("/proc/" + std::to_string(daemon.pid) + "/status");
+        std::string word;
+        while (file >> word && word != "SigCgt:") {
+        }
+        file >> word;
+        return (std::stoull(word, nullptr, 16) & 1ULL << (SIGTERM - 1)) == 0;
+    };
+    EXPECT_FALSE(reset());
+    kill(daemon.pid, SIGTERM);
+    EXPECT_TRUE(eventually(reset));
+    expect_killed(daemon.end(SIGTERM), SIGTERM);
 }
 
 TEST(DaemonTest, ServesItsVersionsOfLibcNamesToLibraries)

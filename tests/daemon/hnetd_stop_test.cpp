@@ -1,4 +1,5 @@
-// The daemon stopped in full flight: its process ends with exit_value, whatever its tasks do.
+// The daemon stopped in full flight, by a call or by SIGTERM: its process ends with exit_value,
+// whatever its tasks do.
 #include "hnetd.h"
 
 #include "osaMsg.h"
@@ -11,6 +12,7 @@
 
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -68,7 +70,11 @@ static int busy()
         taskSpawn(name, 0, 0, 0, reinterpret_cast<FUNCPTR>(busy), 0, 0, 0, 0, 0, 0, 0, 0, 0, 0);
     }
     usleep(static_cast<useconds_t>(round % 50) * 100);
-    hnetdStop();
+    if (round % 2 == 0) {
+        hnetdStop();
+    } else {
+        kill(getpid(), SIGTERM);
+    }
     for (;;) {
         pause();
     }

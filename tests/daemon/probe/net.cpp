@@ -1,5 +1,6 @@
 // A net library that looks at the daemon from inside. With HNETD_PROBE=libc it calls the names that
-// the daemon takes over from the C library.
+// the daemon takes over from the C library; with HNETD_PROBE=stuck it adds a timer whose callback
+// never returns.
 //
 // HNETD_NO_THREAD names a thread that cannot create others.
 #include "nxaLog.h"
@@ -8,6 +9,7 @@
 
 #include "hostLib.h"
 #include "probe.h"
+#include "uTimer.h"
 
 #include <dlfcn.h>
 #include <errno.h>
@@ -74,6 +76,14 @@ static void look_at_libc_names()
          sethostname(too_long, sizeof too_long), gettid() == getpid());
 }
 
+static void stick(void*)
+{
+    TELL("net: the pump is stuck\n");
+    for (;;) {
+        pause();
+    }
+}
+
 extern "C" int hnetInit(void)
 {
     static char exception[] = "tExcTask";
@@ -84,6 +94,9 @@ extern "C" int hnetInit(void)
          exit_value, hostInitFlag, logFdAdd(STDOUT_FILENO));
     if (asked("libc")) {
         look_at_libc_names();
+    }
+    if (asked("stuck")) {
+        uTimerAdd(reinterpret_cast<void*>(stick), nullptr, 50);
     }
     return -1; // nobody looks at it
 }
