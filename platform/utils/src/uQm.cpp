@@ -23,7 +23,7 @@ static constexpr lock_role_t queueHeld; // lock of the queue at hand
 
 static bool try_word(uQmQueue_t* queue)
 {
-    return __atomic_exchange_n(&queue->held, 1, __ATOMIC_ACQUIRE) == 0;
+    return exchange_acquire(&queue->held, 1) == 0;
 }
 
 /** Takes the word of a queue once it is free. One thread looks at it, others wait for that one. */

@@ -75,26 +75,52 @@ static inline void section_close(pthread_mutex_t* mutex, [[maybe_unused]] const 
     pthread_mutex_unlock(mutex);
 }
 
+// ---- Points: where the tests interleave threads on purpose, compiled into some of them only ----
+
+#ifdef HNETD_TEST_POINTS
+extern "C" void test_point(void);
+#define TEST_POINT() test_point()
+#else
+#define TEST_POINT() static_cast<void>(0)
+#endif
+
+#ifdef HNETD_ATOMIC_POINTS
+extern "C" void atomic_point(const void* field, bool load);
+#define ATOMIC_POINT(field, load) atomic_point(field, load)
+#else
+#define ATOMIC_POINT(field, load) static_cast<void>(0)
+#endif
+
 // ---- Atomic access to plain fields of the records ----
 
 template <typename T> static inline T load_relaxed(const T* field)
 {
+    ATOMIC_POINT(field, true);
     return __atomic_load_n(field, __ATOMIC_RELAXED);
 }
 
 template <typename T> static inline T load_acquire(const T* field)
 {
+    ATOMIC_POINT(field, true);
     return __atomic_load_n(field, __ATOMIC_ACQUIRE);
 }
 
 template <typename T> static inline void store_relaxed(T* field, T value)
 {
+    ATOMIC_POINT(field, false);
     __atomic_store_n(field, value, __ATOMIC_RELAXED);
 }
 
 template <typename T> static inline void store_release(T* field, T value)
 {
+    ATOMIC_POINT(field, false);
     __atomic_store_n(field, value, __ATOMIC_RELEASE);
+}
+
+template <typename T> static inline T exchange_acquire(T* field, T value)
+{
+    ATOMIC_POINT(field, false);
+    return __atomic_exchange_n(field, value, __ATOMIC_ACQUIRE);
 }
 
 /** Whatever this thread stored before is seen by all before what it loads after. */
@@ -106,15 +132,6 @@ static inline void full_fence(void)
     __atomic_thread_fence(__ATOMIC_SEQ_CST);
 #endif
 }
-
-// ---- Test points: random pauses, compiled into the stress tests only ----
-
-#ifdef HNETD_TEST_POINTS
-extern "C" void test_point(void);
-#define TEST_POINT() test_point()
-#else
-#define TEST_POINT() static_cast<void>(0)
-#endif
 
 // ---- The thread's record ----
 

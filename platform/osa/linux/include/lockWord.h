@@ -30,7 +30,7 @@ void lock_word_wake(lock_word_t* word, pthread_mutex_t* mutex);
 /** @return whether the word was free, and is the caller's now */
 [[nodiscard]] static inline bool lock_word_try(lock_word_t* word)
 {
-    return __atomic_exchange_n(&word->held, 1, __ATOMIC_ACQUIRE) == 0;
+    return exchange_acquire(&word->held, 1) == 0;
 }
 
 static inline void lock_word_take(lock_word_t* word, pthread_mutex_t* mutex)

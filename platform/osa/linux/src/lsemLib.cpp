@@ -90,7 +90,7 @@ static inline bool is_empty(const v2lsem_t* semaphore)
             usleep(BUSY_NAP_US);
         }
         if (load_relaxed(&semaphore->tokens) != BUSY) {
-            count = __atomic_exchange_n(&semaphore->tokens, BUSY, __ATOMIC_ACQUIRE);
+            count = exchange_acquire(&semaphore->tokens, BUSY);
         }
     }
     return count;
@@ -100,7 +100,7 @@ static inline bool is_empty(const v2lsem_t* semaphore)
 // before its give, and what its thread knew of deletions, is seen from here on.
 static inline int take_count(v2lsem_t* semaphore)
 {
-    const int count = __atomic_exchange_n(&semaphore->tokens, BUSY, __ATOMIC_ACQUIRE);
+    const int count = exchange_acquire(&semaphore->tokens, BUSY);
     TEST_POINT();
     return __builtin_expect(count == BUSY, 0) ? await_count(semaphore) : count;
 }
