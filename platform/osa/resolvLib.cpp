@@ -7,15 +7,18 @@
 // meets something it cannot step over, or cannot take, stops there and keeps what it has. Memory
 // grows with the bytes that came, never with a length that the answer merely claims.
 //
-// No state between calls, and no locks but environ_lock, while the C library reads its
-// configuration and the environment. A deletion of the calling task takes effect between two
-// queries: resolvSearch then answers none any more, and everything unwinds as if nothing had been
-// found.
+// No state between calls. A deletion of the calling task takes effect between two queries:
+// resolvSearch then answers none any more, and everything unwinds as if nothing had been found.
+//
+// Locks, outermost first:
+//   resolver_lock  over a query, where the C library has one state for all threads
+//   environ_lock   while it reads its configuration and the environment
 #include "arpa_nameser.h"
 
 #include "osaResolv.h"
 
 #include "internal.h"
+#include "longLock.h"
 #include "uBm.h"
 
 #include <arpa/inet.h>
@@ -33,6 +36,15 @@ char* uStrnSafeCopy(char* dst, size_t size, const char* src, size_t count);
 // Android's C library has it under this name alone, and in no header.
 extern "C" int __dn_skipname(const u_char* comp_dn, const u_char* eom);
 #define dn_skipname __dn_skipname
+#endif
+
+// Android's C library has one resolver state for the process, and nothing guards it: two threads in
+// res_init and res_search at once have each other wait for ever. Elsewhere each thread has its own,
+// or there is none.
+#if defined(__BIONIC__) || defined(HNETD_ONE_RESOLVER)
+static constexpr bool ONE_RESOLVER = true;
+#else
+static constexpr bool ONE_RESOLVER = false;
 #endif
 
 static constexpr size_t SERVICE_SIZE = 32; // compared part of a NAPTR service field, terminated
@@ -100,15 +112,36 @@ static bool read_configuration(void)
     return done;
 }
 
+static constinit long_lock_t resolver_lock;
+
+// Whoever waits here has the time-outs of others to wait for, unless it is deleted.
+static bool resolver_take(void)
+{
+    return !ONE_RESOLVER || long_lock_take(self_record, &resolver_lock);
+}
+
+static void resolver_give(void)
+{
+    if (ONE_RESOLVER) {
+        long_lock_give(&resolver_lock);
+    }
+}
+
 static int resolvSearch(const char* domainName, int queryType, querybuf* resp)
 {
+    int length = -1;
+
     if (domainName == nullptr || domainName[0] == '\0' || resp == nullptr) {
         return -1;
     }
-    if (end_asked(self_record) || !read_configuration()) {
+    if (end_asked(self_record) || !resolver_take()) {
         return -1;
     }
-    return res_search(domainName, ns_c_in, queryType, resp->buf, NS_PACKETSZ);
+    if (read_configuration()) {
+        length = res_search(domainName, ns_c_in, queryType, resp->buf, NS_PACKETSZ);
+    }
+    resolver_give();
+    return length;
 }
 
 // Steps over the next count bytes, if they are all there.

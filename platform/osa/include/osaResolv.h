@@ -14,8 +14,16 @@
 // An answer of 512 bytes holds some 25 records, so a zone made for it can keep a QUERY_NAPTR busy
 // with more than 1,000 queries, for hours. Call from a thread that may wait.
 //
-// Any thread may call; the C library's resolver decides how far calls run side by side. A task
-// deleted in a look-up ends after the query in progress: a query itself cannot be cut short.
+// Any thread may call. Where the C library keeps its resolver's state for each thread (glibc), or
+// keeps none (musl), look-ups run side by side. Android's has one unguarded state for the process:
+// there one query is asked at a time, and a look-up may have to wait for the time-outs of others. It
+// does not know of queries that closed libraries ask the C library themselves; res_init, res_search
+// and their kin are not for them while look-ups run. That library reads no resolv.conf either: the
+// servers are those of the platform's resolver service, and a process outside it has none, unless
+// something answers on port 53 of the device itself.
+//
+// A task deleted in a look-up ends after the query in progress, for a query cannot be cut short; one
+// that waits for its turn ends at once.
 #pragma once
 
 #include "osaSocket.h"
