@@ -9,7 +9,7 @@
 
 namespace android {
 
-constinit ProcessState ProcessState::process;
+ProcessState* const ProcessState::process = new ProcessState;
 constinit IPCThreadState IPCThreadState::state;
 
 void RefBase::incStrong(const void* /*id*/) const
@@ -34,7 +34,7 @@ static void* pool_thread(void* /*unused*/)
 
 sp<ProcessState> ProcessState::self()
 {
-    return sp<ProcessState>(&process);
+    return sp<ProcessState>(process);
 }
 
 void ProcessState::startThreadPool()

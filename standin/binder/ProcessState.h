@@ -5,7 +5,7 @@
 
 namespace android {
 
-class ProcessState : public RefBase {
+class ProcessState : public virtual RefBase {
   public:
     /** The one state of this process. */
     static sp<ProcessState> self();
@@ -14,8 +14,8 @@ class ProcessState : public RefBase {
     void startThreadPool();
 
   private:
-    constexpr ProcessState() = default;
-    static ProcessState process;
+    ProcessState() = default;
+    static ProcessState* const process; // never freed: threads use it until the process ends
 
     [[maybe_unused]] bool started = false; // atomic
 };

@@ -8,8 +8,11 @@
 namespace android {
 
 /**
- * An object that lives while strong references to it exist. Here every such object is static and
- * its library holds one reference of its own, so the count never falls to 0.
+ * An object that lives while strong references to it exist. Here its library holds one reference of
+ * its own for good, so the count never falls to 0.
+ *
+ * As on the platform it is a virtual base of what derives from it: the way from an object to its
+ * count leads through the object's table, and a caller built with this header takes the same one.
  */
 class RefBase {
   public:
@@ -20,7 +23,8 @@ class RefBase {
     void decStrong(const void* id) const;
 
   protected:
-    constexpr RefBase() = default;
+    RefBase() = default;
+    virtual ~RefBase() = default;
 
   private:
     mutable int32_t strong = 1; // atomic

@@ -8,7 +8,7 @@
 
 namespace android {
 
-constinit ProcessState ProcessState::process;
+ProcessState* const ProcessState::process = new ProcessState;
 constinit IPCThreadState IPCThreadState::state;
 
 // Only the main thread touches the count.
@@ -24,7 +24,7 @@ void RefBase::decStrong(const void*) const
 
 sp<ProcessState> ProcessState::self()
 {
-    return sp<ProcessState>(&process);
+    return sp<ProcessState>(process);
 }
 
 void ProcessState::startThreadPool()

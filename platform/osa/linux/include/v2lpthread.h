@@ -163,27 +163,35 @@ typedef struct thrPool_t {
 
 static_assert(offsetof(q_msg_t, msgbuf) == 8, "message bytes start at byte 8 of a slot");
 
-#if defined(__x86_64__) && defined(__GLIBC__)
-// Layouts shared with the closed libraries, on this C library.
-static_assert(offsetof(task_t, taskname) == 88 && offsetof(task_t, pthrid) == 96);
-static_assert(offsetof(task_t, attr) == 104 && offsetof(task_t, prv_priority) == 160);
-static_assert(offsetof(task_t, entry_point) == 168 && offsetof(task_t, parms) == 176);
-static_assert(offsetof(task_t, vxw_priority) == 216 && offsetof(task_t, nxt_task) == 224);
-static_assert(offsetof(v2lsem_t, flags) == 144 && offsetof(v2lsem_t, token_count) == 148);
-static_assert(offsetof(v2lsem_t, send_type) == 152 && offsetof(v2lsem_t, nxt_sem) == 160);
-static_assert(offsetof(v2pt_mqueue_t, queue_head) == 288);
-static_assert(offsetof(v2pt_mqueue_t, send_type) == 304 &&
-              offsetof(v2pt_mqueue_t, nxt_queue) == 328);
-static_assert(offsetof(v2pt_mqueue_t, msg_count) == 336 &&
-              offsetof(v2pt_mqueue_t, vmsg_len) == 352);
-static_assert(offsetof(v2pt_mqueue_t, waitTasks) == 360);
-static_assert(offsetof(thrPoolJobQueue_t, pthrIndex) == 16);
-static_assert(offsetof(thrPoolJobQueue_t, nextJobQueue) == 24);
-static_assert(offsetof(thrPool_t, pthrIds) == 8 && offsetof(thrPool_t, thrPoolCond) == 16);
-static_assert(offsetof(thrPool_t, thrPoolMutex) == 64 && offsetof(thrPool_t, jobQueueHead) == 104);
-static_assert(offsetof(v2pt_wdog_t, ticks_remaining) == 40);
-static_assert(offsetof(v2pt_wdog_t, timeout_func) == 48 && offsetof(v2pt_wdog_t, next) == 64);
+// Layouts shared with the closed libraries, wherever the C library's types have the sizes that they
+// have on the device.
+#define SHARED_LAYOUT(condition)                                                                   \
+    static_assert(sizeof(pthread_mutex_t) != 40 || sizeof(pthread_cond_t) != 48 ||                 \
+                      sizeof(pthread_attr_t) != 56 || (condition),                                 \
+                  "shared with the closed libraries")
+#if defined(__ANDROID__)
+static_assert(sizeof(pthread_mutex_t) == 40 && sizeof(pthread_cond_t) == 48);
+static_assert(sizeof(pthread_attr_t) == 56);
 #endif
+SHARED_LAYOUT(offsetof(task_t, taskname) == 88 && offsetof(task_t, pthrid) == 96);
+SHARED_LAYOUT(offsetof(task_t, attr) == 104 && offsetof(task_t, prv_priority) == 160);
+SHARED_LAYOUT(offsetof(task_t, entry_point) == 168 && offsetof(task_t, parms) == 176);
+SHARED_LAYOUT(offsetof(task_t, vxw_priority) == 216 && offsetof(task_t, nxt_task) == 224);
+SHARED_LAYOUT(offsetof(v2lsem_t, flags) == 144 && offsetof(v2lsem_t, token_count) == 148);
+SHARED_LAYOUT(offsetof(v2lsem_t, send_type) == 152 && offsetof(v2lsem_t, nxt_sem) == 160);
+SHARED_LAYOUT(offsetof(v2pt_mqueue_t, queue_head) == 288);
+SHARED_LAYOUT(offsetof(v2pt_mqueue_t, send_type) == 304 &&
+              offsetof(v2pt_mqueue_t, nxt_queue) == 328);
+SHARED_LAYOUT(offsetof(v2pt_mqueue_t, msg_count) == 336 &&
+              offsetof(v2pt_mqueue_t, vmsg_len) == 352);
+SHARED_LAYOUT(offsetof(v2pt_mqueue_t, waitTasks) == 360);
+SHARED_LAYOUT(offsetof(thrPoolJobQueue_t, pthrIndex) == 16);
+SHARED_LAYOUT(offsetof(thrPoolJobQueue_t, nextJobQueue) == 24);
+SHARED_LAYOUT(offsetof(thrPool_t, pthrIds) == 8 && offsetof(thrPool_t, thrPoolCond) == 16);
+SHARED_LAYOUT(offsetof(thrPool_t, thrPoolMutex) == 64 && offsetof(thrPool_t, jobQueueHead) == 104);
+SHARED_LAYOUT(offsetof(v2pt_wdog_t, ticks_remaining) == 40);
+SHARED_LAYOUT(offsetof(v2pt_wdog_t, timeout_func) == 48 && offsetof(v2pt_wdog_t, next) == 64);
+#undef SHARED_LAYOUT
 
 #ifdef __cplusplus
 }

@@ -114,7 +114,7 @@ static void change_id_locked(task_t* task, pthread_t id) REQUIRES(taskListHeld)
 // Threads are objects of several bytes, so none has an odd address for its id.
 static taskId_t id_without_thread(const task_t* task)
 {
-    return reinterpret_cast<uintptr_t>(task) | 1;
+    return static_cast<taskId_t>(reinterpret_cast<uintptr_t>(task) | 1); // signed on the device
 }
 
 static bool has_thread(const task_t* task)

@@ -1,0 +1,5 @@
+// The kernel's.
+#pragma once
+#include <sys/cdefs.h>
+
+#include <linux/elf.h>
