@@ -1,11 +1,8 @@
 // The walk over an answer's records, of the kind that FUZZ_QUERY asks for. The input is the answer
 // to the first query of its kind and to the first few that follow from it; the others fail. The
 // sanitizer guards what lies behind it in the resolver's buffer, to the byte.
+#include "fuzz.h"
 #include "osaResolv.h"
-
-#include <algorithm>
-#include <cstdlib>
-#include <cstring>
 
 #if defined(__has_feature)
 #define FEED_CLANG_ASAN __has_feature(address_sanitizer)
@@ -53,9 +50,7 @@ extern "C" int __wrap_res_search(const char* name, int, int type, unsigned char*
     const size_t room = static_cast<size_t>(size);
     const size_t given = std::min(room, input_size);
 
-    if (name[0] == '\0' || strlen(name) > LONGEST_NAME) {
-        abort();
-    }
+    expect(name[0] != '\0' && strlen(name) <= LONGEST_NAME);
     int* left = answers_left(type);
     if (*left == 0) {
         return -1;
@@ -74,14 +69,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     services_left = 2;
     addresses_left = 4;
     ulist_t* list = osaGetHostByName("x.y", FUZZ_QUERY, SERV_SIP);
-    if (uListSize(list) > static_cast<int>(4 * 512 / SMALLEST_RECORD)) {
-        abort();
-    }
+    expect(uListSize(list) <= static_cast<int>(4 * 512 / SMALLEST_RECORD));
     for (int32_t pos = 0; uListEol(list, pos) == 0; pos++) {
         const auto* host = reinterpret_cast<const hostInfo_t*>(uListGet(list, pos));
-        if (host->ipAddr.ver != IPVER_IPV4 && host->ipAddr.ver != IPVER_IPV6) {
-            abort();
-        }
+        expect(host->ipAddr.ver == IPVER_IPV4 || host->ipAddr.ver == IPVER_IPV6);
     }
     osaFreeHostInfoList(list);
     return 0;

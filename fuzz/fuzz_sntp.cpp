@@ -1,10 +1,8 @@
 // The reply of an SNTP server. The socket is not there: the system calls on it are replaced at link
 // time, and the input is what it receives.
+#include "fuzz.h"
 #include "sntp.h"
 
-#include <algorithm>
-#include <cstdlib>
-#include <cstring>
 #include <poll.h>
 #include <sys/socket.h>
 
@@ -59,13 +57,6 @@ static uint32_t field(const uint8_t* p)
 {
     return static_cast<uint32_t>(p[0]) << 24 | static_cast<uint32_t>(p[1]) << 16 |
            static_cast<uint32_t>(p[2]) << 8 | p[3];
-}
-
-static void expect(bool holds)
-{
-    if (!holds) {
-        abort();
-    }
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
