@@ -190,9 +190,12 @@ int op_wait(thread_record_t* me, pthread_cond_t* cond, pthread_mutex_t* mutex,
 
 void op_sleep_ms(thread_record_t* me, long long ms)
 {
-    struct timespec end;
+    struct timespec end = {};
 
-    clock_gettime(CLOCK_MONOTONIC, &end);
+    // Without the monotonic clock, for so long from now: no step of the wall clock moves that.
+    const bool monotonic = clock_gettime(CLOCK_MONOTONIC, &end) == 0;
+    const clockid_t clock = monotonic ? CLOCK_MONOTONIC : CLOCK_REALTIME;
+    const int flags = monotonic ? TIMER_ABSTIME : 0;
     end.tv_sec += static_cast<time_t>(ms / 1000);
     end.tv_nsec += static_cast<long>(ms % 1000) * NS_PER_MS;
     if (end.tv_nsec >= NS_PER_S) {
@@ -200,7 +203,7 @@ void op_sleep_ms(thread_record_t* me, long long ms)
         end.tv_nsec -= NS_PER_S;
     }
     while (!end_asked(me)) {
-        if (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &end, nullptr) != EINTR) {
+        if (clock_nanosleep(clock, flags, &end, &end) != EINTR) { // left over, if it is relative
             return;
         }
     }
