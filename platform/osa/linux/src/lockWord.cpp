@@ -17,7 +17,7 @@ void lock_word_init(lock_word_t* word)
 
 static void nap(lock_word_t* word, pthread_mutex_t* mutex)
 {
-    struct timespec end;
+    struct timespec end = {}; // without the clock, no nap but another try
 
     clock_gettime(CLOCK_MONOTONIC, &end);
     end.tv_nsec += LOCK_WORD_NAP_MS * 1'000'000;
