@@ -487,22 +487,22 @@ static bool age_locked(int32_t time_gap) REQUIRES(timersHeld)
     return left <= 0;
 }
 
-/** Makes a pass of the timers that have expired. */
+/** Makes a pass of the timers that have expired; there is one. */
 static void begin_pass_locked(pass_t* pass) REQUIRES(timersHeld)
 {
     const uint32_t chain = delta_cut(&timerList);
     const uint32_t first = delta_first(&timerList);
-    uTimerNode_t* last = nullptr;
-    uint32_t count = 0;
+    uTimerNode_t* last = node_of(chain);
+    uint32_t count = 1;
 
     if (first != 0) {
         node_of(first)->expires = static_cast<int32_t>(delta_left(&timerList, first));
     }
-    for (uint32_t number = chain; number != 0; number = delta_next(&timerList, number)) {
+    forget_id_locked(chain);
+    for (uint32_t number = delta_next(&timerList, chain); number != 0;
+         number = delta_next(&timerList, number)) {
         forget_id_locked(number);
-        if (last != nullptr) {
-            set_next_block(last, node_of(number));
-        }
+        set_next_block(last, node_of(number));
         last = node_of(number);
         count++;
     }

@@ -20,7 +20,7 @@ static void nap(lock_word_t* word, pthread_mutex_t* mutex)
     struct timespec end = {}; // without the clock, no nap but another try
 
     clock_gettime(CLOCK_MONOTONIC, &end);
-    end.tv_nsec += LOCK_WORD_NAP_MS * 1'000'000;
+    end.tv_nsec += LOCK_WORD_NAP_MS * 1'000'000L;
     if (end.tv_nsec >= 1'000'000'000) {
         end.tv_sec++;
         end.tv_nsec -= 1'000'000'000;

@@ -140,7 +140,7 @@ static v2pt_wdog_t* unlink_wdog(v2pt_wdog_t* wdId)
 static void make_room_locked(void) REQUIRES(wdogListHeld)
 {
     const uint32_t room = wdog_index.room == 0 ? FIRST_ROOM : 2 * wdog_index.room;
-    const size_t records = (room + size_t{1}) * sizeof(v2pt_wdog_t*);
+    const size_t records = (room + size_t{1}) * sizeof *wdogs;
     const size_t index = delta_bytes(room);
 
     char* memory = static_cast<char*>(ts_malloc(records + index + room * sizeof(uint32_t)));
