@@ -85,7 +85,7 @@ static int queue_jobs(job_t* jobs)
 static void report_jobs(const job_t* jobs)
 {
     for (int worker = 0; worker < WORKERS; worker++) {
-        const pthread_t thread = jobs[2 * worker].ran_on;
+        const pthread_t thread = jobs[size_t{2} * static_cast<size_t>(worker)].ran_on;
         int chosen = 0;
         int others = 0;
         for (int i = 0; i < JOBS; i++) {
