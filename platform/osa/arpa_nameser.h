@@ -9,6 +9,7 @@
 #error "include arpa_nameser.h before anything that includes <arpa/nameser.h>"
 #endif
 #define _ARPA_NAMESER_H_
+#define _ARPA_NAMESER_H // musl's
 #define _ARPA_NAMESER_COMPAT_
 
 #include <stdint.h>

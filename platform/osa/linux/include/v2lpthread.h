@@ -165,13 +165,13 @@ static_assert(offsetof(q_msg_t, msgbuf) == 8, "message bytes start at byte 8 of 
 
 // Layouts shared with the closed libraries, wherever the C library's types have the sizes that they
 // have on the device.
+#define DEVICE_TYPES                                                                               \
+    (sizeof(pthread_mutex_t) == 40 && sizeof(pthread_cond_t) == 48 &&                              \
+     sizeof(pthread_attr_t) == 56 && sizeof(struct sched_param) == 4)
 #define SHARED_LAYOUT(condition)                                                                   \
-    static_assert(sizeof(pthread_mutex_t) != 40 || sizeof(pthread_cond_t) != 48 ||                 \
-                      sizeof(pthread_attr_t) != 56 || (condition),                                 \
-                  "shared with the closed libraries")
+    static_assert(!DEVICE_TYPES || (condition), "shared with the closed libraries")
 #if defined(__ANDROID__)
-static_assert(sizeof(pthread_mutex_t) == 40 && sizeof(pthread_cond_t) == 48);
-static_assert(sizeof(pthread_attr_t) == 56);
+static_assert(DEVICE_TYPES);
 #endif
 SHARED_LAYOUT(offsetof(task_t, taskname) == 88 && offsetof(task_t, pthrid) == 96);
 SHARED_LAYOUT(offsetof(task_t, attr) == 104 && offsetof(task_t, prv_priority) == 160);
@@ -192,6 +192,7 @@ SHARED_LAYOUT(offsetof(thrPool_t, thrPoolMutex) == 64 && offsetof(thrPool_t, job
 SHARED_LAYOUT(offsetof(v2pt_wdog_t, ticks_remaining) == 40);
 SHARED_LAYOUT(offsetof(v2pt_wdog_t, timeout_func) == 48 && offsetof(v2pt_wdog_t, next) == 64);
 #undef SHARED_LAYOUT
+#undef DEVICE_TYPES
 
 #ifdef __cplusplus
 }

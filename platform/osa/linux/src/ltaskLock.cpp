@@ -52,8 +52,9 @@ static bool note_plain_locker_locked(void) REQUIRES(taskLockHeld)
 // Scheduling results are ignored: without the right to raise priorities the lock works as well.
 static void set_own_priority(int policy, int priority)
 {
-    const struct sched_param param = {.sched_priority = priority};
+    struct sched_param param = {};
 
+    param.sched_priority = priority;
     pthread_setschedparam(pthread_self(), policy, &param);
 }
 
