@@ -14,12 +14,19 @@
 #include <dlfcn.h>
 #include <errno.h>
 #include <signal.h>
+#include <stdarg.h>
 #include <sys/sysinfo.h>
 #include <time.h>
 #include <unistd.h>
 
-extern "C" int __halden_log_print(int, const char*, const char*, ...)
+extern "C" int __halden_log_print(int priority, const char* tag, const char* format, ...)
 {
+    char text[256];
+    va_list args;
+    va_start(args, format);
+    vsnprintf(text, sizeof text, format, args);
+    va_end(args);
+    TELL("log: %d %s: %s\n", priority, tag, text);
     return 0;
 }
 
