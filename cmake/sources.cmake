@@ -12,6 +12,7 @@ set(HNETD_SOURCES
   platform/osa/resolvLib.cpp
   platform/osa/linux/src/addressSet.cpp
   platform/osa/linux/src/deltaList.cpp
+  platform/osa/linux/src/endPoint.cpp
   platform/osa/linux/src/hostLib.cpp
   platform/osa/linux/src/ifLib.cpp
   platform/osa/linux/src/internal.cpp

@@ -5,9 +5,13 @@
 #include "task_test.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <pthread.h>
+#include <search.h>
 #include <signal.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
@@ -207,6 +211,178 @@ TEST_F(TaskEndTest, TasksWaitForAMutexAsleepAndPassItsWakeUpOn)
     EXPECT_EQ(semTake(mutex, WAIT_FOREVER), OK);
     semGive(mutex);
     semDelete(mutex);
+}
+
+// ---- In the C library ----
+
+pthread_mutex_t held_lock = PTHREAD_MUTEX_INITIALIZER;
+pthread_cond_t never = PTHREAD_COND_INITIALIZER;
+int unwritten[2];
+int unsent[2];
+char byte_read;
+
+// A task may spend any time in these, and they hold no lock of the library.
+struct {
+    const char* name;
+    void (*wait)();
+    bool under_tsan; // which delivers no signal in the others
+} const waits[] = {
+    {"usleep", [] { usleep(100'000'000); }, true},
+    {"poll", [] { poll(nullptr, 0, -1); }, true},
+    {"select", [] { select(0, nullptr, nullptr, nullptr, nullptr); }, false},
+    {"read", [] { (void)!read(unwritten[0], &byte_read, 1); }, true},
+    {"recv", [] { recv(unsent[0], &byte_read, 1, 0); }, true},
+    {"pause", [] { pause(); }, true},
+    {"waitpid", [] { waitpid(-1, nullptr, 0); }, true},
+    {"mutex", [] { pthread_mutex_lock(&held_lock); }, false},
+    {"condition",
+     [] {
+         pthread_mutex_t own = PTHREAD_MUTEX_INITIALIZER;
+         pthread_mutex_lock(&own);
+         pthread_cond_wait(&never, &own);
+     },
+     false},
+};
+
+TEST_F(TaskEndTest, TheCallsOfTheCLibraryThatWaitAreCutShort)
+{
+    stdout_capture quiet;
+    ASSERT_EQ(pipe(unwritten) + socketpair(AF_UNIX, SOCK_STREAM, 0, unsent), 0);
+    const pid_t child = fork(); // to be waited for
+    if (child == 0) {
+        pause();
+        _exit(0);
+    }
+    ASSERT_GT(child, 0);
+    pthread_mutex_lock(&held_lock);
+    for (const auto& [name, wait, under_tsan] : waits) {
+        if (TSAN && !under_tsan) {
+            continue;
+        }
+        probe p;
+        const taskId_t id = spawn([&] {
+            probe_attach(&p);
+            wait();
+            FAIL() << name << " returned";
+        });
+        usleep(2000);
+        EXPECT_EQ(taskDelete(id), OK);
+        EXPECT_TRUE(eventually([&] { return p.ended.load(); })) << name;
+    }
+    pthread_mutex_unlock(&held_lock);
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+    for (const int end : {unwritten[0], unwritten[1], unsent[0], unsent[1]}) {
+        close(end);
+    }
+}
+
+/** What calls of the C library that call back have for their functions. */
+struct {
+    std::atomic<bool> inside, deleted, go;
+    std::atomic<int> taken;
+    SEM_ID token;
+} called_back;
+
+// An operation neither ends its task there nor gives up.
+void wait_inside()
+{
+    called_back.inside = true;
+    while (!called_back.deleted) {
+        taskIdVerify(0);
+    }
+    called_back.taken = semTake(called_back.token, WAIT_FOREVER);
+    while (!called_back.go) {
+        taskIdVerify(0);
+    }
+}
+
+ssize_t write_inside(void*, const char*, size_t size)
+{
+    wait_inside();
+    return static_cast<ssize_t>(size);
+}
+
+FILE* stream; // with a lock of its own, as every stream
+
+struct {
+    const char* name;
+    void (*call)();
+} const callers[] = {
+    {"lfind",
+     [] {
+         int number = 1;
+         size_t count = 1;
+         lfind(&number, &number, &count, sizeof number, [](const void*, const void*) {
+             wait_inside();
+             return 1;
+         });
+     }},
+    {"fflush", [] { fputc('x', stream), fflush(stream); }},
+    {"pthread_exit",
+     [] {
+         pthread_cleanup_push([](void*) { wait_inside(); }, nullptr);
+         pthread_exit(nullptr);
+         pthread_cleanup_pop(0);
+     }},
+};
+
+TEST_F(TaskEndTest, WhatTheCLibraryCallsBackIsNotEndedUntilItReturns)
+{
+    stdout_capture quiet;
+    called_back.token = semBCreate(0, SEM_EMPTY);
+    for (const auto& [name, call] : callers) {
+        probe p;
+        stream = fopencookie(nullptr, "w", {nullptr, write_inside, nullptr, nullptr});
+        called_back.inside = called_back.deleted = called_back.go = false;
+        called_back.taken = 77;
+        const taskId_t id = spawn([&] {
+            probe_attach(&p);
+            for (call();;) { // and enters no operation any more
+                TSAN ? taskIdVerify(0) : OK;
+            }
+        });
+        ASSERT_TRUE(eventually([] { return called_back.inside.load(); })) << name;
+        EXPECT_EQ(taskDelete(id), OK);
+        usleep(2000);
+        called_back.deleted = true;
+        usleep(2000);
+        EXPECT_EQ(called_back.taken, 77) << name;
+        semGive(called_back.token);
+        EXPECT_TRUE(eventually([] { return called_back.taken == OK; })) << name;
+        usleep(30000); // longer than the short periods at which it is asked again
+        EXPECT_FALSE(p.ended) << name;
+        called_back.go = true;
+        EXPECT_TRUE(eventually([&] { return p.ended.load(); })) << name;
+        ASSERT_EQ(ftrylockfile(stream), 0) << name;
+        funlockfile(stream);
+        fclose(stream);
+    }
+    semDelete(called_back.token);
+}
+
+TEST_F(TaskEndTest, ASignalOfAnotherProcessEndsNobody)
+{
+    stdout_capture out;
+    const pid_t own = getpid();
+    probe task;
+    const taskId_t id = spawn([&] {
+        for (probe_attach(&task);;) {
+            taskDelay(1);
+        }
+    });
+    const pid_t child = fork();
+    if (child == 0) {
+        _exit(kill(own, SIGUSR1));
+    }
+    int status = -1;
+    ASSERT_EQ(TEMP_FAILURE_RETRY(waitpid(child, &status, 0)), child); // it may interrupt
+    EXPECT_EQ(status, 0);
+    usleep(20000);
+    EXPECT_FALSE(task.ended);
+    EXPECT_EQ(taskDelete(id), OK);
+    EXPECT_TRUE(eventually([&] { return task.ended.load(); }));
+    EXPECT_EQ(out.text(), "this signal is 10 \n");
 }
 
 } // namespace

@@ -4,6 +4,7 @@
 
 #include <pthread.h>
 #include <setjmp.h>
+#include <signal.h>
 
 #include <cstdint>
 
@@ -86,7 +87,7 @@ fiber* thread_at(int number);
 void settle();
 
 /** The handler of SIGUSR1, called in the thread that is struck. */
-extern void (*exit_handler)(int);
+extern void (*exit_handler)(int, siginfo_t*, void*);
 
 fiber* new_thread(void* (*start)(void*), void* arg);
 [[noreturn]] void thread_over();

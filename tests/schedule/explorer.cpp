@@ -685,7 +685,10 @@ static void strike(fiber* me)
     me->interrupted = me->masked = true;
     me->unmoved = state != state_t::READY; // a waiter still, so the handler is one step
     me->state = state_t::READY;
-    exit_handler(SIGUSR1);
+    siginfo_t from_here = {};
+    from_here.si_code = SI_TKILL;
+    from_here.si_pid = getpid();
+    exit_handler(SIGUSR1, &from_here, nullptr);
     me->state = state;
     me->unmoved = me->masked = false;
     errno = error;

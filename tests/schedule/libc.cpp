@@ -24,7 +24,7 @@ static constexpr unsigned MONOTONIC_CONDITION = 2; // bit of __wrefs
 static constexpr int64_t NS_PER_US = 1000;
 
 // Restored with the rest of the program's data for each schedule.
-void (*exit_handler)(int) = nullptr;
+void (*exit_handler)(int, siginfo_t*, void*) = nullptr;
 static void (*destructors[KEYS])(void*);
 static int keys = 0;
 
@@ -402,7 +402,7 @@ extern "C" int __wrap_pthread_setschedparam(pthread_t id, int, const sched_param
 
 extern "C" int __wrap_sigaction(int, const struct sigaction* action, struct sigaction*)
 {
-    exit_handler = action->sa_handler;
+    exit_handler = action->sa_sigaction;
     return 0;
 }
 

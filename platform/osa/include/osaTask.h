@@ -13,18 +13,33 @@
 // its own ends at once, wherever it is, by pthread_exit: handlers that it pushed with
 // pthread_cleanup_push run. What this means for code that may be deleted:
 //   - A mutex-kind semaphore that it holds stays locked for ever.
-//   - If it is inside the C library at that moment (malloc, printf, a resolver call), a lock of the
-//     C library may stay locked. Allocate with ts_malloc or uMalloc, and delete only tasks that
-//     otherwise wait, sleep or compute.
+//   - A task inside the C library goes on until it is out again: no lock of the library (of malloc,
+//     stdio, the time zone, the environment, the resolver, the loader) stays behind. It is asked
+//     again every 200 us, after 20 ms every tick, and ends when that finds it in code of its own.
+//     So one that calls such functions without a pause may take a while to be found, and its calls
+//     may fail with EINTR meanwhile. Calls that wait are cut short at once, as far as they hold
+//     nothing: sleeps, poll and select, read and write, sockets, waits for children and signals,
+//     pthread locks and conditions. stdio, a look-up of a name, and with glibc sem_wait and
+//     pthread_join, end first. What the library calls back (a comparison for qsort, a handler that
+//     runs because of pthread_exit) counts as inside; operations there neither end the task nor
+//     give up.
+//   - All that is so with glibc and Android's C library on x86-64 and arm64, linked dynamically.
+//     Elsewhere, and with KNOWS_C_LIBRARY in endPoint.cpp set to false, a task in the C library
+//     ends at once as well, and a lock of the library may stay locked: allocate with ts_malloc or
+//     uMalloc there, and delete only tasks that otherwise wait, sleep or compute.
 //   - Around a lock of its own it blocks SIGUSR1 (pthread_sigmask). Operations that it calls
-//     meanwhile neither end it nor give up; it ends when it lets the signal in again.
-//   - It must not be compiled to throw through or catch around the point where it ends.
+//     meanwhile neither end it nor give up; it ends when it lets the signal in again. Locks inside
+//     libraries other than the C library are such locks.
+//   - It must not be compiled to throw through or catch around the point where it ends; and it is
+//     compiled with the unwind tables that are the compilers' default: without, it ends in its next
+//     operation only.
 //   - A task that ends itself calls taskDelete(taskIdSelf()), and no deletion by somebody else
-//     touches it from there on. Where its own code calls pthread_exit, a deletion that comes
-//     meanwhile cuts the handlers that are running short, and they may run again.
-// A SIGUSR1 that somebody else sends ends whichever thread receives it, at its next safe point: one
-// that waits inside an operation goes on waiting first.
-// Deleting "tExcTask" stops all watchdogs, deleting "tAsyncCall" all asynchronous calls, for good.
+//     touches it from there on.
+// A SIGUSR1 that somebody else in this process sends ends whichever thread receives it, at its next
+// safe point: one that waits inside an operation goes on waiting first, and one that is no task
+// ends wherever else it is. What another process sends ends nobody; calls that wait may return
+// EINTR. Deleting "tExcTask" stops all watchdogs, deleting "tAsyncCall" all asynchronous calls, for
+// good.
 #pragma once
 
 #include "v2lpthread.h"

@@ -22,6 +22,7 @@
 #include "v2lpthread.h"
 
 #include <pthread.h>
+#include <stdint.h>
 #include <time.h>
 
 // ---- Lock annotations: clang's attributes, nothing elsewhere ----
@@ -162,6 +163,9 @@ typedef struct thread_record {
     pthread_mutex_t wait_lock; // guards the two below
     pthread_cond_t* wait_cond; // what the thread waits for; null when it does not wait
     pthread_mutex_t* wait_mutex;
+    uintptr_t stack_top; // where a task's own frames end; 0: a plain thread. Own thread only
+    int put_off;         // ends put off; above 0: again_timer exists. Own thread only
+    int again_timer;     // the system's number of it
 } thread_record_t;
 
 /**
@@ -189,10 +193,13 @@ void tell_signalled(void);
 /** Whether the record is a plain thread's, which nobody else ever wakes or ends. */
 bool is_plain(const thread_record_t* me);
 
-/** The calling thread was told to end, and is at a safe point: ends it unless it blocks SIGUSR1. */
+/** The calling thread was told to end, and is at a safe point: ends it unless that is held off. */
 void thread_end_if_let(thread_record_t* me);
 
-/** Whether the calling thread blocks SIGUSR1, as a library may while it holds locks of its own. */
+/**
+ * Whether the calling thread cannot be ended just here: it blocks SIGUSR1, as a library may while
+ * it holds locks of its own, or is a task that the C library called back.
+ */
 bool end_held_off(void);
 
 /** Whether the calling thread is to end: it was told so, and does not hold its end off. */

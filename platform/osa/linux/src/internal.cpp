@@ -4,6 +4,7 @@
 // Locks: wait_lock of each record, innermost but for the mutex that record_wake tries under it.
 #include "internal.h"
 
+#include "endPoint.h"
 #include "osaTask.h"
 
 #include <errno.h>
@@ -33,6 +34,9 @@ static constinit thread_local thread_record_t plain_record = {
     .wait_lock = PTHREAD_MUTEX_INITIALIZER,
     .wait_cond = nullptr,
     .wait_mutex = nullptr,
+    .stack_top = 0,
+    .put_off = 0,
+    .again_timer = 0,
 };
 
 // ---- Records ----
@@ -128,6 +132,7 @@ void tell_signalled(void)
 void thread_end(thread_record_t* me)
 {
     me->ending = 1;
+    end_not_again(me);
     store_relaxed(&me->depth, me->depth + 1); // never 0 again
     store_relaxed(&me->pending, 0);           // handlers may wait: nobody asks a second time
     __atomic_signal_fence(__ATOMIC_SEQ_CST);
@@ -139,7 +144,7 @@ void thread_end(thread_record_t* me)
     pthread_exit(nullptr);
 }
 
-bool end_held_off(void)
+static bool exit_signal_blocked(void)
 {
     sigset_t blocked;
 
@@ -147,12 +152,22 @@ bool end_held_off(void)
     return sigismember(&blocked, SIGUSR1) == 1;
 }
 
-// The signal is on its way, too, and ends the thread once it is let in.
+bool end_held_off(void)
+{
+    return exit_signal_blocked() || place_of(self_record) == INSIDE_C_LIBRARY;
+}
+
 void thread_end_if_let(thread_record_t* me)
 {
-    if (!end_held_off()) {
+    if (exit_signal_blocked()) {
+        return; // the signal is on its way, too, and ends the thread once it is let in
+    }
+    if (place_of(me) != INSIDE_C_LIBRARY) {
         thread_end(me);
     }
+    op_enter(); // the handler must not start the timer as well
+    end_again_soon(me);
+    store_relaxed(&me->depth, me->depth - 1);
 }
 
 // ---- Waiting ----

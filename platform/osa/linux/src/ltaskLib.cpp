@@ -16,6 +16,7 @@
 //   malloc_lock, free_lock    one allocation each, never held together
 #include "osaTask.h"
 
+#include "endPoint.h"
 #include "internal.h"
 #include "taskIndex.h"
 
@@ -25,10 +26,6 @@
 #include <string.h>
 #include <sys/prctl.h>
 #include <unistd.h>
-
-#if defined(__GLIBC__)
-#include <execinfo.h>
-#endif
 
 task_t* task_list GUARDED_BY(taskListHeld) = nullptr; // in spawn order
 static task_t** task_list_end GUARDED_BY(taskListHeld) = &task_list;
@@ -160,11 +157,21 @@ static void task_delete(bool for_good)
 
 // ---- Ending ----
 
+static bool from_another_process(const siginfo_t* signal)
+{
+    const int code = signal->si_code; // others name no sender
+
+    return (code == SI_USER || code == SI_TKILL || code == SI_QUEUE) && signal->si_pid != getpid();
+}
+
 // Runs in the thread that is to end, between any two of its instructions.
-static void thread_exit_handler(int)
+static void thread_exit_handler(int, siginfo_t* signal, void*)
 {
     thread_record_t* me = self_record;
 
+    if (from_another_process(signal)) {
+        return;
+    }
     if (me == nullptr) {
         thread_end(own_record());
     }
@@ -175,6 +182,10 @@ static void thread_exit_handler(int)
         record_ask_end(me);
         return;
     }
+    if (place_of(me) != OUTSIDE_C_LIBRARY) {
+        end_again_soon(me);
+        return;
+    }
     thread_end(me);
 }
 
@@ -182,7 +193,8 @@ static void install_exit_handler(void)
 {
     struct sigaction action = {};
 
-    action.sa_handler = thread_exit_handler;
+    action.sa_sigaction = thread_exit_handler;
+    action.sa_flags = SA_SIGINFO;
     sigemptyset(&action.sa_mask);
     sigaction(SIGUSR1, &action, nullptr);
 }
@@ -198,12 +210,6 @@ static void prepare_deletion_locked(void) REQUIRES(taskListHeld)
     }
     prepared = true;
     install_exit_handler();
-#if defined(__GLIBC__)
-    // pthread_exit needs the unwinder and loads it when it is first wanted, which allocates. Now
-    // is a better time for that than inside a signal handler.
-    void* frame[1];
-    backtrace(frame, 1);
-#endif
 }
 
 // Whatever way a task's thread ends. It parts with its block first: no deleter finds the thread
@@ -213,6 +219,7 @@ static void task_wrapper_cleanup(void*)
     ending_enter();
     thread_record_t* me = self_record;
 
+    end_not_again(me);
     TEST_POINT();
     task_delete(false);
     task_lock_leave();
@@ -241,6 +248,7 @@ static void run_task(thread_record_t* me)
     const int* p = start->parms;
 
     self_record = me;
+    me->stack_top = reinterpret_cast<uintptr_t>(__builtin_frame_address(0));
     pthread_cleanup_push(task_wrapper_cleanup, nullptr);
     pthread_detach(pthread_self());
     TEST_POINT();
@@ -486,6 +494,9 @@ status_t taskDelay(int interval)
     // At the caller's depth: a task is holding nothing here and ends at once.
     thread_record_t* me = self_record != nullptr ? self_record : own_record();
     op_sleep_ms(me, static_cast<long long>(interval) * load_relaxed(&msPerTick));
+    if (me->depth == 0 && load_relaxed(&me->pending) != 0) {
+        thread_end_if_let(me); // its end was put off on its way into the sleep, or out of it
+    }
     return OK;
 }
 
@@ -580,6 +591,7 @@ status_t taskPrioritySet(taskId_t, int)
 [[noreturn]] static void delete_self(void)
 {
     ending_enter();
+    end_not_again(self_record);
     task_delete(true);
     // Another deleter may have come first, and none can any more. Handlers may wait.
     store_relaxed(&self_record->pending, 0);
