@@ -553,6 +553,9 @@ void victims_report(FILE* out, bool ends_known)
         const auto& [steps, ends, took] = all_results[row];
         const long before = ends[BEFORE], once = ends[AT_ONCE], op = ends[OPERATION],
                    c = ends[C_LIBRARY];
+        if (before + once + op + c == 0) {
+            continue;
+        }
         fprintf(out, "| %s | ", row + 1 < ROWS ? victim_kinds[row].name : "a bare thread");
         ends_known ? fprintf(out, "%ld | %ld | %ld | %ld", before, once, op, c)
                    : fprintf(out, "%ld | %ld", steps.load(), before + once);
