@@ -58,7 +58,7 @@ static void expect_all_clean()
         c_library_use();
         through = true;
     });
-    if (!eventually([&] { return through.load(); })) {
+    if (!eventually([&] { return through.load(); }, 60000)) {
         fprintf(stderr, "a lock of the C library is held\n");
         abort();
     }

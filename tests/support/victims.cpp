@@ -337,7 +337,7 @@ static void* bare_thread(void* own)
 
 static bool await(const std::atomic<bool>& flag)
 {
-    const int64_t end = now_ns() + 10'000'000'000;
+    const int64_t end = now_ns() + 60'000'000'000;
     while (!flag) {
         if (now_ns() > end) {
             return false;
@@ -507,7 +507,7 @@ const char* others_stop()
 {
     stopping = true;
     for (int i = 0; others_left > 0; i++) {
-        if (i == 10'000) {
+        if (i == 30'000) {
             return "one of the others waits for ever";
         }
         usleep(1000);

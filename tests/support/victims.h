@@ -62,7 +62,7 @@ void victims_prepare();
  * @param kind      0 to VICTIM_KINDS; VICTIM_KINDS: a bare thread
  * @param deleter   number of the calling thread, below 8
  * @param pause_us  the longest time it has
- * @return false if it did not end within 10 s
+ * @return false if it did not end within a minute
  */
 bool victim_delete(int kind, int deleter, std::minstd_rand& random, int pause_us);
 
