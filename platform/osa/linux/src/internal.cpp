@@ -167,6 +167,7 @@ void thread_end_if_let(thread_record_t* me)
     }
     op_enter(); // the handler must not start the timer as well
     end_again_soon(me);
+    __atomic_signal_fence(__ATOMIC_SEQ_CST);
     store_relaxed(&me->depth, me->depth - 1);
 }
 
