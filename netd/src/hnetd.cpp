@@ -30,7 +30,7 @@ typedef struct hnetdContext {
 } hnetdContext_t;
 
 static hnetdContext_t* gHNetdContext = nullptr; // atomic: hnetdStop may come from any thread
-static int stop_signalled = 0;                  // 1: SIGTERM came; atomic
+static int stop_signalled = 0;                  // 1: SIGTERM came; atomic, says nothing else
 
 static void set_running(hnetdContext_t* context, int running)
 {

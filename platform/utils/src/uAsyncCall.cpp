@@ -22,7 +22,7 @@ static constexpr lock_role_t startHeld; // start_lock
 
 MSG_Q_ID asyncCallMsgQ = nullptr; // atomic: others may delete the queue and clear it
 
-static bool_t asyncCallInitilized = 0; // atomic: written once
+static bool_t asyncCallInitilized = 0; // atomic: released once, after asyncCallMsgQ
 static pthread_mutex_t start_lock = PTHREAD_MUTEX_INITIALIZER;
 
 static void uAsyncCallInit(void) REQUIRES(startHeld)

@@ -82,7 +82,7 @@ enum class outcome_t : uint8_t { DONE, ALREADY, FULL, FAILED };
 static constexpr lock_role_t eventHeld; // registry_word
 
 static pthread_mutex_t creation_lock = PTHREAD_MUTEX_INITIALIZER;
-static SEM_ID semEvent = nullptr; // atomic: written once
+static SEM_ID semEvent = nullptr; // atomic: released once, with registry_word in order
 static lock_word_t registry_word;
 static pthread_t walker = 0; // thread of the walks, or 0; atomic, written locked
 static eventBuff_t* eventBuffArea_t[SLOTS] GUARDED_BY(eventHeld);

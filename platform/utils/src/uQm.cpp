@@ -6,7 +6,8 @@
 //
 // Lock (queueHeld): the queue's own semaphore. In the free queue of a pool a word, in front of the
 // semaphore: a block is taken or put back in a few nanoseconds, of which a mutex would be two
-// thirds. No other lock is taken inside. headPtr alone is also read without it.
+// thirds. No other lock is taken inside. headPtr alone is also read without it, and relaxed: who
+// finds nothing touches nothing, and who knows that a block was put in finds at least that one.
 #include "uQm.h"
 #include "uBm.h"
 #include "internal.h"

@@ -93,6 +93,9 @@ extern "C" void atomic_point(const void* field, bool load);
 #endif
 
 // ---- Atomic access to plain fields of the records ----
+//
+// Where a field is declared, or where the access is, stands what it meets. docs/memory-order.md
+// has all pairs, and why each is enough where the machine keeps no order that it is not told to.
 
 template <typename T> static inline T load_relaxed(const T* field)
 {
@@ -151,13 +154,18 @@ typedef struct {
  * block; any other thread uses one in thread-local storage, which no other thread ever sees.
  */
 typedef struct thread_record {
-    int depth;                 // operations entered and not left; own thread and handler only
-    int pending;               // 1: end at the next safe point; atomic
+    int depth;                 // operations entered and not left; own thread and handler only,
+                               // which signal fences are enough for
+    int pending;               // 1: end at the next safe point; atomic. end_asked acquires what
+                               // record_ask_end released; the handler, too, sets it in its thread,
+                               // so a look on the way to depth 0 needs no order
     int ending;                // 1: the end has begun, the handler is inert; own thread only
     int signalled;             // 1: ended by SIGUSR1, which is to be told; own thread only
     int refs;                  // atomic: block, thread, a deleter at work, restarts; 0 frees
-    int restarts;              // pending ones, for which the block outlives its thread; atomic
-    task_t* block;             // listed block of the task; written with task_list_lock, atomic
+    int restarts;              // pending ones, for which the block outlives its thread; atomic,
+                               // looked at with task_list_lock
+    task_t* block;             // listed block of the task; written with task_list_lock, atomic:
+                               // without it only compared with null
     const task_t* own_block;   // the same for good: compared, never followed; own thread only
     task_start_t start;        // constant once the thread exists
     pthread_mutex_t wait_lock; // guards the two below

@@ -5,7 +5,8 @@
 // anyway. A give stores first and looks for sleepers then; the two may trade places on their way to
 // memory, so that a sleeper which counts itself in that very instant is missed. Sleepers therefore
 // look again after LOCK_WORD_NAP_MS: a miss costs that much, where a fence in each give would cost
-// as much as the lock.
+// as much as the lock. model/lockword.pml takes this through every order of events, with stores
+// that come late.
 //
 // Not recursive. Taken inside an operation only (depth above 0), so no thread ends holding it. A
 // section is some dozen instructions and waits for nothing. The give touches the word after others
@@ -27,7 +28,11 @@ void lock_word_wait(lock_word_t* word, pthread_mutex_t* mutex);
 /** Wakes one thread that sleeps. */
 void lock_word_wake(lock_word_t* word, pthread_mutex_t* mutex);
 
-/** @return whether the word was free, and is the caller's now */
+/**
+ * Acquire meets the release of the give before: all that was done under the word is seen.
+ *
+ * @return whether the word was free, and is the caller's now
+ */
 [[nodiscard]] static inline bool lock_word_try(lock_word_t* word)
 {
     return exchange_acquire(&word->held, 1) == 0;

@@ -66,11 +66,12 @@ thread_record_t* record_new(void)
 
 void record_hold(thread_record_t* record)
 {
-    __atomic_add_fetch(&record->refs, 1, __ATOMIC_RELAXED);
+    __atomic_add_fetch(&record->refs, 1, __ATOMIC_RELAXED); // on top of one that keeps it alive
 }
 
 void record_drop(thread_record_t* record)
 {
+    // Whoever frees comes after all that the others did with the record.
     if (__atomic_sub_fetch(&record->refs, 1, __ATOMIC_ACQ_REL) != 0) {
         return;
     }

@@ -6,7 +6,7 @@
 
 #include <errno.h>
 
-static unsigned char round_robin_enabled = 1; // atomic
+static unsigned char round_robin_enabled = 1; // atomic: a flag that stands for nothing else
 
 void enableRoundRobin(void)
 {

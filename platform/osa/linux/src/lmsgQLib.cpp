@@ -75,6 +75,8 @@ typedef struct queue_end {
     int (*waiting_on)(const v2pt_mqueue_t* queue, int pri); // 1: there is no going on yet
 } queue_end_t;
 
+// Relaxed: whoever looks holds the guard, under which the mark is set, or the lock that the deleter
+// takes after that to wake those asleep.
 static bool is_marked(const v2pt_mqueue_t* queue)
 {
     return (load_relaxed(&queue->send_type) & SEND_DELETED) != 0;
@@ -288,6 +290,7 @@ static void join_waiters(v2pt_mqueue_t* queue, queue_waiters_t* waiters) REQUIRE
 static void waitTaskStopWait(v2pt_mqueue_t* queue, queue_waiters_t* waiters) REQUIRES(queueHeld)
 {
     waiters->waiting--;
+    // Release meets the looks that are made without the guard, the deleter's and spare_record's.
     store_release(&queue->waitTasks, queue->waitTasks - 1);
 }
 
@@ -498,7 +501,7 @@ static void delete_mqueue(v2pt_mqueue_t* queue)
 // Sleeps until the waiters have left; a caller that is itself told to end waits for nobody.
 static void wait_for_departures(thread_record_t* me, v2pt_mqueue_t* queue)
 {
-    LOCK_SECTION(&queue->qdlet_lock, queueGoneHeld);
+    LOCK_SECTION(&queue->qdlet_lock, queueGoneHeld); // who leaves after the look takes it to tell
     while (load_acquire(&queue->waitTasks) > 0 && !end_asked(me)) {
         op_wait(me, &queue->qdlet_cmplt, &queue->qdlet_lock, nullptr);
     }

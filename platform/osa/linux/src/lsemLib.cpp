@@ -67,6 +67,8 @@ static constexpr int BUSY = INT_MIN;   // a thread has the word
 static constexpr int BUSY_LOOKS = 100; // before a nap: that thread may wait for this very CPU
 static constexpr unsigned int BUSY_NAP_US = 50;
 
+// Relaxed: waiters and deleters hold sem_lock, and who looks without it came before the deletion if
+// it does not see the mark.
 static inline bool is_deleted(const v2lsem_t* semaphore)
 {
     return (load_relaxed(&semaphore->send_type) & SEND_DELETED) != 0;
@@ -244,6 +246,8 @@ static void give_token(v2lsem_t* semaphore)
 static bool pass_on(v2lsem_t* semaphore) REQUIRES(semHeld)
 {
     const bool others = semaphore->waiters > 0;
+    // A sleeper's MAY_SLEEP came under sem_lock and is seen. One that a giver is just putting back
+    // may be missed: it stays, and costs the next give a look under sem_lock.
     if (!others && load_relaxed(&semaphore->tokens) != MAY_SLEEP) {
         return false;
     }
@@ -360,7 +364,7 @@ static bool try_mutex(v2lsem_t* semaphore)
 
     LOCK_SECTION(&semaphore->sem_lock, semHeld);
     store_relaxed(&semaphore->mutex_waiters, semaphore->mutex_waiters + 1);
-    full_fence(); // counted before the try: see mutex_give
+    full_fence(); // counted before this try and all later ones: see mutex_give
     taken = try_mutex(semaphore);
     while (!taken && !end_asked(me)) {
         op_wait(me, &semaphore->sem_send, &semaphore->sem_lock, nullptr);

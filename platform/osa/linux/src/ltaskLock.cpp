@@ -86,6 +86,7 @@ static void restore_priority(void)
 bool task_lock_take(thread_record_t* me)
 {
     const pthread_t self = pthread_self();
+    // A task that a deleter is just unlisting may count as either: both let go when they end.
     const bool task = load_relaxed(&me->block) != nullptr;
     bool taken = false;
 

@@ -40,7 +40,7 @@ typedef struct thrPoolWorker {
 
 static_assert(alignof(thrPoolWorker_t) <= alignof(thrPool_t), "workers follow the pool's record");
 
-static thrPool_t* thrPool = nullptr; // atomic; set before the first worker starts
+static thrPool_t* thrPool = nullptr; // atomic: released when built, before a worker starts
 
 // ---- The queue ----
 

@@ -26,12 +26,12 @@ static constexpr lock_role_t logHeld;
 static constexpr lock_role_t logInitHeld;
 static pthread_mutex_t log_init_lock = PTHREAD_MUTEX_INITIALIZER;
 
-static SEM_ID logFdSem = nullptr; // atomic; from the first logInit on, never replaced
+static SEM_ID logFdSem = nullptr; // atomic, released when made; never replaced
 static int logFd[MAX_LOG_FDS] GUARDED_BY(logHeld) = {};
 static int numLogFds GUARDED_BY(logHeld) = 0;
 
 int mutexOptionsLogLib = 4;
-exLogCallBackFunc exLogCallBack = nullptr; // atomic
+exLogCallBackFunc exLogCallBack = nullptr; // atomic: released with all that the callback needs
 
 // ---- Message logging ----
 
@@ -78,7 +78,7 @@ STATUS logInit(int fd, int)
 
 void logFdSet(int fd)
 {
-    static int oldLogFd = -1; // what the last call put in; atomic
+    static int oldLogFd = -1; // what the last call put in; atomic, a number only
 
     thread_record_t* me = op_enter();
     const int old = load_relaxed(&oldLogFd);

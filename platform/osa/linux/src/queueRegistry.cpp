@@ -37,7 +37,8 @@ static v2pt_mqueue_t* new_record(void) REQUIRES(queueListHeld)
     return queue;
 }
 
-// Without a ring nobody comes to wait any more, and those who still leave are soon gone.
+// Without a ring nobody comes to wait any more, and those who still leave are soon gone: the list's
+// lock shows all who came, and 0 that all of them have left.
 static v2pt_mqueue_t* spare_record(void) REQUIRES(queueListHeld)
 {
     v2pt_mqueue_t** link = &spare_records;

@@ -23,7 +23,7 @@ static constexpr uint8_t VERSION_MASK = 0x38;
 static constexpr uint32_t UNIX_EPOCH = 2'208'988'800; // seconds from 1900 to 1970
 static constexpr time_t REPLY_WAIT_S = 5;
 
-u_short sntpcPort = 0;
+u_short sntpcPort = 0; // atomic, a number only
 
 // sntpFraction * 10^9 / 2^32, digit by digit of 10^19 / 2^32; each term is cut for itself, so the
 // result is up to 80 below the exact one. Large fractions give a digit away to stay in range.
@@ -61,7 +61,8 @@ static bool wait_for_reply(int sntpSocket, u_int timeout)
     sigemptyset(&exit_signal);
     sigaddset(&exit_signal, SIGUSR1);
     pthread_sigmask(SIG_BLOCK, &exit_signal, &mask);
-    // Not end_asked, which looks at the mask of this moment and not at the caller's.
+    // Not end_asked, which looks at the mask of this moment and not at the caller's. A mark that is
+    // missed here comes with a signal, which the wait lets in.
     if (load_acquire(&self_record->pending) == 0 || sigismember(&mask, SIGUSR1) == 1) {
         ready = ppoll(&readFds, 1, forever ? nullptr : &limit, &mask) > 0;
     }

@@ -27,7 +27,9 @@ int tracev2l = 1;
 char trace_fn[100] = {};
 int tid = 0;
 
-static int gdb_pid = 0; // the child, -1 while it starts or when it could not; 0: none yet; atomic
+// The child, -1 while it starts or when it could not; 0: none yet. Atomic; says who came first, and
+// nothing of other fields.
+static int gdb_pid = 0;
 
 // ---- Time stamps ----
 
