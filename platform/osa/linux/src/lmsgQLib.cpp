@@ -540,7 +540,11 @@ status_t msgQSafeDelete(MSG_Q_ID* queuePtr)
     if (queuePtr == nullptr) {
         return ERROR;
     }
-    return msgQDelete(__atomic_exchange_n(queuePtr, nullptr, __ATOMIC_ACQ_REL));
+    // One operation: a task that ended between the two would take the only id along.
+    thread_record_t* me = op_enter();
+    const status_t status = msgQDelete(__atomic_exchange_n(queuePtr, nullptr, __ATOMIC_ACQ_REL));
+    op_leave(me);
+    return status;
 }
 
 int msgQShow(v2pt_mqueue_t*, FILE*, int)
