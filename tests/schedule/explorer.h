@@ -28,7 +28,7 @@ struct scenario {
     int kept = 0;              // blocks that stay: what the product creates once for good
     bool (*stuck)() = nullptr; // nobody can go on: whether that is right, the schedule is over then
     unsigned victims = ~0U;    // actors that are worth deleting, bit by bit
-    int most = 9;              // preemptions beyond this are not worth their time
+    int less = 0;              // preemptions fewer than elsewhere, for it takes long
 };
 
 /** Adds to what is explored; a static initialiser calls it. @return true */
@@ -39,6 +39,9 @@ bool cut_short(int actor);
 
 /** Whether any was. */
 bool cut_short();
+
+/** Whether this is a variant that deletes one, at some point or at the end. */
+bool deletes();
 
 /** The id of an actor that is a task. */
 taskId_t task_of(int actor);

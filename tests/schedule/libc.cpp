@@ -6,7 +6,6 @@
 // and the initialisers fill in, and which nobody else looks at. A condition keeps nothing but its
 // clock: the threads know what they wait on.
 #include "engine.h"
-#include "explorer.h"
 
 #include <cerrno>
 #include <cstdlib>
@@ -24,7 +23,7 @@ static constexpr unsigned MONOTONIC_CONDITION = 2; // bit of __wrefs
 static constexpr int64_t NS_PER_US = 1000;
 
 // Restored with the rest of the program's data for each schedule.
-void (*exit_handler)(int, siginfo_t*, void*) = nullptr;
+static struct sigaction exit_action = {};
 static void (*destructors[KEYS])(void*);
 static int keys = 0;
 
@@ -402,8 +401,21 @@ extern "C" int __wrap_pthread_setschedparam(pthread_t id, int, const sched_param
 
 extern "C" int __wrap_sigaction(int, const struct sigaction* action, struct sigaction*)
 {
-    exit_handler = action->sa_sigaction;
+    exit_action = *action;
     return 0;
+}
+
+void strike()
+{
+    siginfo_t from = {};
+
+    from.si_code = SI_TKILL;
+    from.si_pid = getpid();
+    if ((exit_action.sa_flags & SA_SIGINFO) != 0) {
+        exit_action.sa_sigaction(SIGUSR1, &from, nullptr);
+    } else {
+        exit_action.sa_handler(SIGUSR1);
+    }
 }
 
 extern "C" int __wrap_pthread_sigmask(int how, const sigset_t* set, sigset_t* old)
@@ -431,7 +443,7 @@ extern "C" int __wrap_pthread_kill(pthread_t id, int)
     if (thread_of(id)->state == state_t::OVER) {
         return 0;
     }
-    if (exit_handler == nullptr) {
+    if (exit_action.sa_handler == nullptr) {
         fail("SIGUSR1 finds no handler");
     }
     f->signalled = true;

@@ -117,6 +117,14 @@ static void take_turns()
     }
 }
 
+static void take_long() // all others come to wait
+{
+    EXPECT(semTake(sem, WAIT_FOREVER) == OK && ++inside == 1);
+    taskDelay(1);
+    inside--;
+    semGive(sem);
+}
+
 static void check_mutex()
 {
     EXPECT(record()->mutex_waiters == 0 && record()->users == 1);
@@ -216,7 +224,7 @@ static const scenario semaphores[] = {
      0},
     {"sem.mutex",
      mutex,
-     {{"holder", take_turns, true}, {"task", take_turns}, {"other", take_turns}},
+     {{"holder", take_long, true}, {"task", take_turns}, {"other", take_turns}},
      check_mutex,
      0,
      taken_along},
