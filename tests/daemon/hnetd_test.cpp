@@ -83,9 +83,11 @@ extern "C" void __wrap_checktimeoutCb(uint32_t elapses)
     checks += std::to_string(cycles_run) + ":" + std::to_string(elapses) + " ";
 }
 
-extern "C" taskId_t __wrap_taskSpawn(char* name, int, int, int, FUNCPTR entry, int, int, int, int,
-                                     int, int, int, int, int, int)
+extern "C" taskId_t __wrap_taskSpawn(char* name, int pri, int options, int stack, FUNCPTR entry,
+                                     int a, int b, int c, int d, int e, int f, int g, int h, int i,
+                                     int j)
 {
+    EXPECT_EQ(pri | options | stack | a | b | c | d | e | f | g | h | i | j, 0);
     const bool root = entry == reinterpret_cast<FUNCPTR>(root_task);
     const bool exception = entry == reinterpret_cast<FUNCPTR>(exception_task);
     note(thread_name() + " spawns " + name + (root ? " root" : "") + (exception ? " exc" : ""));

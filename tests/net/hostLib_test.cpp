@@ -20,8 +20,12 @@ TEST(HostTable, IsMadeOnceEvenWithoutMemory)
     EXPECT_EQ(hostInitFlag, 1);
     EXPECT_NE(_presolvHostLibGetByName, nullptr);
     hostInitFlag = 0;
+    memset(&hostList, 0xff, sizeof hostList);
     hostTblInit();
     const SEM_ID sem = hostListSem;
+    EXPECT_EQ(hostList.node.next, nullptr);
+    EXPECT_EQ(hostList.node.previous, nullptr);
+    EXPECT_EQ(hostList.count, 0);
     hostList.count = 1;
     hostTblInit();
     EXPECT_EQ(hostListSem, sem);

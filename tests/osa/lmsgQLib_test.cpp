@@ -85,6 +85,7 @@ static void expect_chain(const std::vector<MSG_Q_ID>& queues)
     for (size_t i = 1; i < queues.size(); i++) {
         EXPECT_EQ(record(queues[i - 1])->nxt_queue, record(queues[i]));
     }
+    EXPECT_EQ(record(queues.back())->nxt_queue, nullptr);
 }
 
 // A queue takes a ring, a record if no deleted queue left one, and room for that in the registry,
@@ -110,9 +111,11 @@ TEST(MsgQTest, FailedAllocationsLeaveNothing)
         EXPECT_EQ(msgQDelete(queues[gone]), OK);
         queues.erase(queues.begin() + static_cast<long>(gone));
     }
-    fail_malloc(2);
-    queues.push_back(msgQCreate(2, 16, 0)); // in a record of those
-    EXPECT_EQ(malloc_calls(), 1);
+    for (int i = 0; i < 3; i++) {
+        fail_malloc(2);
+        queues.push_back(msgQCreate(2, 16, 0)); // in a record of those
+        EXPECT_EQ(malloc_calls(), 1);
+    }
     fail_nothing();
     expect_chain(queues);
     for (const MSG_Q_ID id : queues) {

@@ -296,6 +296,45 @@ class ParkedWaiters {
     std::vector<std::thread> threads;
 };
 
+TEST(SemTest, WhoIsToldToEndReleasesTheWaitersFirst)
+{
+    for (status_t (*call)(SEM_ID) : {semGive, semFlush, semDelete}) {
+        SEM_ID id = semBCreate(0, SEM_EMPTY);
+        ParkedWaiters parked(id, 1);
+        watch(id);
+        EXPECT_TRUE(ends_in([=] { call(id); }));
+        EXPECT_EQ(parked.released(), 1);
+        EXPECT_EQ(call == semDelete ? OK : semDelete(id), OK);
+        EXPECT_NE(freed_at, 0);
+    }
+}
+
+// The one that a give wakes may have been told to end by then.
+TEST(SemTest, AMutexFindsTheNextThatWaits)
+{
+    SEM_ID id = semMCreate(0);
+    std::thread([=] { semTake(id, NO_WAIT), record_ask_end(self_record), semGive(id); }).join();
+    for (const int told : {0, 1}) {
+        std::atomic<int> taken{0};
+        std::atomic<thread_record_t*> waiting[2];
+        semTake(id, WAIT_FOREVER);
+        for (int i = 0; i < 2; i++) {
+            spawn([&, i] {
+                waiting[i] = self_record;
+                taken += semTake(id, WAIT_FOREVER) == OK ? 1 : 0;
+                semGive(id);
+            });
+            ASSERT_TRUE(eventually([&] { return load_relaxed(&record(id)->mutex_waiters) > i; }));
+        }
+        record_ask_end(waiting[told]);
+        semGive(id);
+        EXPECT_TRUE(eventually([&] { return taken == 1; }));
+        expect_take(id, WAIT_FOREVER, 0);
+        semGive(id);
+    }
+    semDelete(id);
+}
+
 // Given one by one, each finds that others sleep on; given at once, the first woken wakes the next.
 TEST(SemTest, TokensReachAllThatWait)
 {

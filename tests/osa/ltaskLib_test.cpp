@@ -206,14 +206,17 @@ static std::string priorities_under_lock()
 TEST_F(TaskTest, ATaskThatHoldsTheTaskLockHasTheHighestPriorityOfItsPolicy)
 {
     std::string task, thread;
+    size_t guard = 0; // behind the stack
     spawn([&] {
         pthread_mutex_lock(&task_list_lock);
         task_for(0)->prv_priority.sched_priority = 3; // a real-time task's own
+        pthread_attr_getguardsize(&task_for(0)->attr, &guard);
         pthread_mutex_unlock(&task_list_lock);
         task = priorities_under_lock();
     });
     std::thread([&] { thread = priorities_under_lock(); }).join();
     ASSERT_TRUE(threads_gone());
+    EXPECT_GT(guard, 0U);
     if (thread.empty()) {
         GTEST_SKIP() << "no right to a real-time policy";
     }
@@ -305,13 +308,23 @@ TEST_F(TaskTest, SeveralDeletersOfOneTaskAndTasksDeletedBeforeTheyBegin)
 
 TEST_F(TaskTest, UnsupportedCallsSayEnosys)
 {
-    for (const auto call : {taskActivate, taskSuspend, taskResume, taskRestart}) {
+    task_t task;
+    memset(&task, 0xff, sizeof task);
+    for (const auto& [call, answer] : {std::pair{&taskActivate, 38},
+                                       {taskSuspend, 38},
+                                       {taskResume, 38},
+                                       {taskRestart, 38},
+                                       {taskIsReady, 1},
+                                       {taskIsSuspended, 0}}) {
         errno = 0;
-        EXPECT_EQ(call(1), 38);
+        EXPECT_EQ(call(1), answer);
         EXPECT_EQ(errno, ENOSYS);
+        task_t* const block = answer == 38 ? &task : nullptr;
+        EXPECT_EQ(taskInit(block, nullptr, 0, 0, nullptr, 0, nullptr, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0),
+                  38);
     }
-    EXPECT_EQ((std::array{taskIsReady(1), taskIsSuspended(1), taskSafe(), taskUnsafe()}),
-              (std::array{1, 0, 38, 38}));
+    EXPECT_EQ(pthread_mutex_trylock(&task.timemutex) + pthread_cond_signal(&task.timecond), 0);
+    EXPECT_EQ(taskSafe() + taskUnsafe(), 2 * 38);
     for (const int on : {0, 1}) {
         on != 0 ? enableRoundRobin() : disableRoundRobin();
         EXPECT_EQ(roundRobinIsEnabled(), on);

@@ -251,6 +251,11 @@ TEST_F(WatchdogTest, ShowCopiesBeforeItWritesAndNeedsNoMemory)
     fail_nothing();
     EXPECT_EQ("1000" + after.substr(3), before);
     EXPECT_EQ(counts(), "8" + after.substr(1));
+    for (int i = 0; i < 40; i++) {
+        make(5);
+    }
+    const std::string all = counts(true); // though they fire meanwhile
+    EXPECT_EQ(std::count(all.begin(), all.end(), ' '), 140);
     errno = 77;
     EXPECT_EQ(wdStart(nullptr, 1, nullptr, nullptr), ERROR);
     selfRestart(nullptr);

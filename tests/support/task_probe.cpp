@@ -1,5 +1,7 @@
 #include "task_probe.h"
 
+#include "internal.h"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -13,6 +15,16 @@
 #include <sys/mman.h>
 #include <thread>
 #include <unistd.h>
+
+// A thread that an operation forgot to leave is never ended: looked at after every test.
+struct operations_left : testing::EmptyTestEventListener {
+    void OnTestEnd(const testing::TestInfo&) override
+    {
+        EXPECT_EQ(self_record == nullptr ? 0 : self_record->depth, 0);
+    }
+};
+[[maybe_unused]] static const bool watched =
+    (testing::UnitTest::GetInstance()->listeners().Append(new operations_left), true);
 
 int64_t now_ns()
 {
@@ -78,6 +90,18 @@ int code_of(const std::function<int()>& call)
     errno = 0;
     EXPECT_EQ(call(), ERROR);
     return errno;
+}
+
+bool ends_in(const std::function<void()>& call)
+{
+    bool came_back = false;
+    stdout_capture quiet;
+    std::thread([&] {
+        record_ask_end(own_record());
+        call();
+        came_back = true;
+    }).join();
+    return !came_back;
 }
 
 // At load: a thread that is deleted here must not leave a half-initialised static behind.

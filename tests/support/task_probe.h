@@ -39,6 +39,9 @@ void mask_exit_signal(int how);
 /** Expects a call to return ERROR, and returns the code that it sets, or 0. */
 int code_of(const std::function<int()>& call);
 
+/** Makes a call in a thread that was told to end before: it ends on its way out. @return if so */
+bool ends_in(const std::function<void()>& call);
+
 /** A point in a thread's life that another thread waits for. */
 struct probe {
     std::atomic<bool> running{false};

@@ -3,6 +3,7 @@
 
 #include "child.h"
 #include "fail.h"
+#include "internal.h"
 #include "osaMsg.h"
 #include "osaTask.h"
 #include "together.h"
@@ -39,7 +40,7 @@ extern "C" STATUS __wrap_taskDelay(int ticks)
 {
     pause_ticks = ticks;
     paused.release();
-    return __real_taskDelay(ticks);
+    return __real_taskDelay(1);
 }
 
 // Without a queue to wait at, the one task looks once a second.
@@ -50,7 +51,9 @@ static void expect_rest()
     EXPECT_EQ(taskPriorityGet(taskNameToId(const_cast<char*>("tAsyncCall")), &priority), OK);
     EXPECT_EQ(priority, 200);
     paused.acquire();
+    paused.acquire();
     EXPECT_EQ(pause_ticks, sysClkRateGet());
+    EXPECT_FALSE(ran.try_acquire());
 }
 
 TEST(AsyncCallTest, TheFirstCallStartsTheServiceAndTwentyMayWait)
@@ -64,6 +67,7 @@ TEST(AsyncCallTest, TheFirstCallStartsTheServiceAndTwentyMayWait)
             return 0;
         });
         ran.acquire();
+        EXPECT_EQ(self_record->depth, 0);
         std::vector<long> expected;
         for (long i = 0; i <= 20; i++) {
             EXPECT_EQ(post(note, i), i < 20 ? OK : ERROR);

@@ -2,6 +2,7 @@
 
 #include "fail.h"
 #include "osaSem.h"
+#include "task_probe.h"
 #include "together.h"
 
 #include <algorithm>
@@ -86,6 +87,8 @@ TEST(Pool, ToleratesNullAndMissingMemory)
     uQmInit(nullptr);
     uQmEnq(nullptr, &head);
     EXPECT_EQ(uQmDeq(nullptr), nullptr);
+    void* const block = uMalloc(8);
+    EXPECT_TRUE(ends_in([=] { uFree(block); })); // a leak shows under the address sanitizer
     fail_malloc(1);
     pool unlocked(1, 8);
     fail_nothing();
@@ -118,7 +121,8 @@ TEST(Pool, QueuesWaitForWhoHasThem)
         other.join();
         EXPECT_EQ(semTake(queue->lockSem, NO_WAIT) + semGive(queue->lockSem), 2 * OK);
         uBmFree(queue == &own ? uQmDeq(queue) : blocks[0]);
-        uBmFree(uQmDeq(queue));
+        EXPECT_TRUE(ends_in([=] { uQmDeq(queue); })); // having let go of it
+        uBmFree(blocks[1]);
     }
     semDelete(own.lockSem);
 }

@@ -1,6 +1,7 @@
 #include "uTimer.cpp" // for the module's state: a service made anew, the next id, free blocks
 
 #include "fail.h"
+#include "task_probe.h"
 #include "timer_calls.h"
 
 #include <algorithm>
@@ -16,10 +17,10 @@ uint32_t arm(const char* name, int32_t timeout)
 /** Proves that no lock of the service is held: another thread uses all of them. */
 void use_elsewhere()
 {
-    std::thread([] {
-        uTimerRefresh(0xfffffff0, 1);
-        uTimerInit(1);
-    }).join();
+    EXPECT_TRUE(ends_in([] { uTimerRefresh(0xfffffff0, 1); }));
+    EXPECT_TRUE(ends_in([] { uTimerRemainGet(0xfffffff0); }));
+    std::thread(uTimerInit, 1).join();
+    uTimerRemainGet(0xfffffff0);
 }
 
 unsigned free_blocks()

@@ -20,6 +20,7 @@ static std::atomic<bool> released; // by the holder
 
 static addr_t note_free(addr_t element)
 {
+    EXPECT_EQ(self_record->depth, 0);
     freed += element;
     return nullptr;
 }
@@ -69,6 +70,8 @@ static void lock_elsewhere()
         released = true;
         semGive(list->lockSem);
         uListEol(list, 0); // looks without the lock, and races with nothing
+        usleep(500);
+        uListGet(list, 0); // nor does what is done under it
     });
     held.acquire();
 }
@@ -81,6 +84,8 @@ TEST_F(List, InsertsRemovesAndFindsAtEveryPosition)
     for (auto [element, pos] : {std::pair{B, 0}, {A, 0}, {D, 2}, {C, 2}, {X, 5}, {+same, -1}}) {
         EXPECT_EQ(uListAdd(list, element, pos), ++size);
     }
+    EXPECT_EQ(uListAppend(list, D), 7);
+    EXPECT_EQ(uListRemove(list, 6), D);
     EXPECT_EQ(content(), "ABCDXB");
     EXPECT_EQ(uListSearch(list, same, nullptr), 5);
     EXPECT_EQ(uListSearch(list, same, [](auto a, auto b) { return strcmp(a, b); }), 1);
@@ -175,7 +180,12 @@ TEST_F(List, GetsBackWhatAThreadThatEndsDidNotFree)
 {
     static constexpr uListSpecificFreeFuncPtr ends_at_b = [](addr_t element) {
         note_free(element);
-        return *element == *B ? lock_elsewhere(), pthread_exit(nullptr), element : element;
+        if (*element != *B) {
+            return uListAppend(list, D), element; // in the meantime
+        }
+        lock_elsewhere();
+        record_ask_end(self_record); // an ending thread is not ended once more
+        pthread_exit(nullptr);
     };
     static constexpr uListSpecificFreeFuncPtr is_told = [](addr_t element) {
         lock_elsewhere();
@@ -191,13 +201,13 @@ TEST_F(List, GetsBackWhatAThreadThatEndsDidNotFree)
         EXPECT_EQ(freed, gone);
         EXPECT_EQ(content(), left);
     };
-    expect([] { uListSpecialClear(list, ends_at_b); }, "AB", "CDX");
+    expect([] { uListSpecialClear(list, ends_at_b); }, "AB", "CDDX");
     expect([] { uListSpecialClear(list, is_told); }, "A", "BCDX");
-    expect(
-        [] {
-            uListGet(list, 0), record_ask_end(self_record), uListRemoveAndFree(list, 1, note_free);
-        },
-        "", "ABCDX");
+    static constexpr auto told = [] { uListGet(list, 0), record_ask_end(self_record); };
+    expect([] { told(), uListRemoveAndFree(list, 1, note_free); }, "", "ABCDX");
+    expect([] { told(), uListSpecialClear(list, note_free); }, "", "ABCDX");
+    expect([] { told(), uListGet(list, 1); }, "", "ABCDX");
+    expect([] { told(), uListPosGetByElement(list, A); }, "", "ABCDX");
     hold({A});
     std::thread(uListSpecialClear, list,
                 [](addr_t) -> addr_t { // the last may release the list

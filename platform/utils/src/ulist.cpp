@@ -26,14 +26,14 @@ typedef struct {
 
 static void uListLock(ulist_t* list) ACQUIRES(listHeld) UNCHECKED
 {
-    if (list != nullptr && list->lockSem != nullptr) {
+    if (list->lockSem != nullptr) {
         own_sem_take(list->lockSem);
     }
 }
 
 static void uListUnlock(ulist_t* list) RELEASES(listHeld) UNCHECKED
 {
-    if (list != nullptr && list->lockSem != nullptr) {
+    if (list->lockSem != nullptr) {
         own_sem_give(list->lockSem);
     }
 }
@@ -81,14 +81,13 @@ static unode_t* take_node(ulist_t* list, int32_t pos)
     return node;
 }
 
-static void uListMoveTo(ulist_t* fromList, ulist_t* toList) UNCHECKED // two locks of one role
+/** Moves all to a list of the caller's own, which needs no lock. */
+static void uListMoveTo(ulist_t* fromList, ulist_t* toList)
 {
     uListLock(fromList);
-    uListLock(toList);
     splice_locked(toList, fromList->node, -1);
     store_relaxed<unode_t*>(&fromList->node, nullptr);
     store_relaxed(&fromList->size, 0);
-    uListUnlock(toList);
     uListUnlock(fromList);
 }
 

@@ -226,7 +226,7 @@ def try_faults(preset, module, programs, finder, faults, left, jobs):
 # ---- Telling ----
 
 def difference(finder, fault):
-    new = "" if fault.new == ";" else fault.new
+    new = "" if fault.new == ";" else f"({fault.new})" if fault.new.endswith(" + 1") else fault.new
     text = finder.original
     changed = text[:fault.start] + new + text[fault.end:]
     lines = difflib.unified_diff(text.splitlines(), changed.splitlines(), lineterm="", n=2)

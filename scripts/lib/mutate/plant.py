@@ -72,8 +72,10 @@ class Finder:
                 self.top(child)
             elif child.is_definition() and "constexpr" not in self.of(child).split("(")[0]:
                 self.function = child.spelling
+                returns = child.result_type.kind != T.VOID
                 for body in child.get_children():
                     if body.kind == K.COMPOUND_STMT:
+                        self.last = self.span(list(body.get_children())[-1]) if returns else None
                         self.visit(body)
                         self.sections(*self.span(body))
 
@@ -148,6 +150,8 @@ class Finder:
         leaves = kind in (K.BREAK_STMT, K.CONTINUE_STMT) or text == "return"
         if not (kind.is_expression() or leaves) or text.startswith(MACROS) or ORDERS.match(text):
             return None
+        if (start, end) == self.last:  # never returns: nothing may follow it
+            return None
         end = self.text.index(";", end) + 1
         self.add(start, end, "statement", ";")
         if text.startswith("pthread_cond_broadcast("):
@@ -206,7 +210,8 @@ class Finder:
             if self.kind(head).is_expression():
                 self.condition(head, ("false",))  # for ever would only cost time
         end = self.span(body)[1]
-        if self.kind(body) == K.COMPOUND_STMT and self.text[end - 1] == "}":
+        endless = self.of(node).startswith("for (;;)")  # and nothing may follow that
+        if self.kind(body) == K.COMPOUND_STMT and self.text[end - 1] == "}" and not endless:
             self.add(end - 1, end - 1, "once", "break;")
 
     # ---- Expressions ----
