@@ -303,6 +303,8 @@ status_t osaSetTimer(int tm_year, int tm_mon, int tm_mday, int tm_hour, int tm_m
 
 /**
  * Sets the time zone: TZ of this process, and through the shell the file /etc/TZ for the others.
+ * On the device /etc/TZ cannot be written and nobody reads it: there the zone is this process's
+ * alone, for as long as it runs.
  *
  * @param tzString  as in TZ, up to 92 characters: letters, digits and + - : , . / _ < >
  * @return OK, whatever the shell made of it; ERROR with nothing changed for a null or empty text,
@@ -340,8 +342,9 @@ extern int checkTaskStatusNum;
  * Every process costs two shell commands, which copy through /tmp/cmdline and /tmp/stat: no other
  * process may search at the same time. Whatever has these names is removed. Where that is not
  * allowed, or where others could exchange the copies because /tmp is theirs or open to all without
- * the sticky bit, no process is found. Searches of this process take turns; a deletion of the
- * caller takes effect while it waits for its turn and between two processes.
+ * the sticky bit, no process is found; nor is one on the device, where there is no /tmp and no
+ * command is run. Searches of this process take turns; a deletion of the caller takes effect while
+ * it waits for its turn and between two processes.
  */
 int getPidByName(char* processName);
 
