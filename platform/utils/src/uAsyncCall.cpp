@@ -8,6 +8,8 @@
 #include "osaMsg.h"
 #include "osaTask.h"
 
+#include <errno.h>
+
 static constexpr int QUEUE_CAPACITY = 20;
 static constexpr int TASK_PRIORITY = 200;
 static constexpr int TASK_STACK_SIZE = 8192;
@@ -34,8 +36,11 @@ static void uAsyncCallInit(void) REQUIRES(startHeld)
               reinterpret_cast<FUNCPTR>(uAsyncCallTaskEntry), 0, 0, 0, 0, 0, 0, 0, 0, 0, 0);
 }
 
+// What is missing shows when a call is posted; errno is for that.
 static void start_service(void)
 {
+    const int saved_errno = errno;
+
     thread_record_t* me = op_enter();
     LOCK_SECTION(&start_lock, startHeld);
     if (asyncCallInitilized == 0) {
@@ -44,6 +49,7 @@ static void start_service(void)
     }
     END_SECTION(startHeld);
     op_leave(me);
+    errno = saved_errno;
 }
 
 status_t uAsyncCall(FUNCPTR func, void* param)
