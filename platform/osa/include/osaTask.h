@@ -372,7 +372,8 @@ void taskNeedCheck(void);
 
 /**
  * Prints one line about a task: id, control block, name ("NULLTASK" if it has none), and the
- * scheduling that its thread was created with. The caller keeps the block alive.
+ * scheduling that its thread was created with. The caller keeps the block alive. Without a block or
+ * a stream: nothing.
  */
 void taskShow(FILE* out, task_t* t);
 

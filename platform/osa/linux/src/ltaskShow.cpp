@@ -425,6 +425,9 @@ void taskShow(FILE* out, task_t* t)
     struct sched_param param = {};
     int policy = 0;
 
+    if (out == nullptr || t == nullptr) {
+        return;
+    }
     thread_record_t* me = op_enter();
     const unsigned int id = static_cast<unsigned int>(t->pthrid); // the low 32 bits
     pthread_attr_getschedpolicy(&t->attr, &policy);
