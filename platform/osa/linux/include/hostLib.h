@@ -61,14 +61,14 @@ status_t resolvInit(void);
  * Writes an IPv4 address as text, "192.168.0.1".
  *
  * @param inetAddress  network byte order
- * @param pString      at least 16 bytes; the text is terminated
+ * @param pString      at least 16 bytes; the text is terminated. Null: nothing
  */
 void inet_ntoa_b(struct in_addr inetAddress, char* pString);
 
 /**
  * The Internet checksum (RFC 1071): complement of the ones' complement sum of the 16-bit words.
  *
- * @param pAddr  bytes to sum, at any address
+ * @param pAddr  bytes to sum, at any address; null: no bytes
  * @param len    bytes, also odd; 0 or less: no bytes, 0xffff
  * @return the checksum, to be stored in host byte order
  */

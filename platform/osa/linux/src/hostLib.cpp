@@ -50,7 +50,9 @@ status_t resolvInit(void)
 
 void inet_ntoa_b(struct in_addr inetAddress, char* pString)
 {
-    *put_quad(pString, &inetAddress) = '\0';
+    if (pString != nullptr) {
+        *put_quad(pString, &inetAddress) = '\0';
+    }
 }
 
 // ---- Checksum ----
@@ -77,7 +79,7 @@ static uint32_t block_sum(const char* bytes)
 u_short checksum(u_short* pAddr, int len)
 {
     const char* bytes = reinterpret_cast<const char*>(pAddr);
-    int nLeft = len;
+    int nLeft = bytes != nullptr ? len : 0;
     uint64_t sum = 0; // holds the words of any int length
 
     for (; nLeft >= SUM_BLOCK; nLeft -= SUM_BLOCK, bytes += SUM_BLOCK) {
