@@ -204,7 +204,7 @@ void vxShell(void)
 ssize_t getline(char** lineptr, size_t* n, FILE* stream)
 {
     // Room for the terminator alone would return nothing read, for ever.
-    if (lineptr == nullptr || *lineptr == nullptr || n == nullptr || *n < 2) {
+    if (lineptr == nullptr || *lineptr == nullptr || n == nullptr || *n < 2 || stream == nullptr) {
         errno = EINVAL;
         return -1;
     }
