@@ -63,7 +63,7 @@ status_t wdDelete(WDOG_ID wdIdPtr);
  *             the caller. Without memory for a copy of more than 32 watchdogs they are copied and
  *             written 32 at a time, and those that start or end meanwhile may be missed or written
  *             twice.
- * @return lines written
+ * @return lines written; 0 for a null stream
  */
 int wdogShow(FILE* out);
 

@@ -285,6 +285,9 @@ int wdogShow(FILE* out)
     shown_t* many = nullptr;
     int copied = 0;
 
+    if (out == nullptr) {
+        return 0;
+    }
     thread_record_t* me = op_enter();
     LOCK_SECTION(&wdog_list_lock, wdogListHeld);
     const int count = static_cast<int>(wdog_index.size);
