@@ -372,10 +372,13 @@ unsigned long wdAdjust(struct timeval t1, struct timeval t2)
     if (t2.tv_sec < t1.tv_sec) {
         return 0;
     }
-    if (t2.tv_sec - t1.tv_sec > CLOCK_STEP_S) {
+    // Unsigned, for the two may lie further apart than a signed number holds.
+    const unsigned long s =
+        static_cast<unsigned long>(t2.tv_sec) - static_cast<unsigned long>(t1.tv_sec);
+    if (s > CLOCK_STEP_S) {
         return CLOCK_STEP_COUNTS_US;
     }
-    const long us = (t2.tv_sec - t1.tv_sec) * 1'000'000 + (t2.tv_usec - t1.tv_usec);
+    const long us = static_cast<long>(s) * 1'000'000 + (t2.tv_usec - t1.tv_usec);
     return us > 0 ? static_cast<unsigned long>(us) : 0;
 }
 
