@@ -1,5 +1,6 @@
 #include "fail.h"
 
+#include <atomic>
 #include <cerrno>
 #include <cstddef>
 #include <pthread.h>
@@ -33,9 +34,9 @@ void fail_malloc(int nth, bool and_after)
     calls = 0;
 }
 
-void fail_thread(int nth)
+void fail_thread(int nth, bool and_after)
 {
-    threads = {nth, false};
+    threads = {nth, and_after};
     has_failed = false;
 }
 
@@ -65,19 +66,37 @@ static bool malloc_fails()
 }
 
 #ifdef FAIL_ALL
+static std::atomic<long> live = 0;
+
+long live_blocks()
+{
+    return live;
+}
+
 // Defined in the program, these are the whole process's. A sanitizer has its own behind them.
-#define ALLOCATION(name, parameters, ...)                                                          \
-    void* __libc_##name parameters;                                                                \
-    [[gnu::weak]] void* __interceptor_##name parameters;                                           \
-    void* name parameters                                                                          \
+#define BEHIND(result, name, ...)                                                                  \
+    result __libc_##name(__VA_ARGS__);                                                             \
+    [[gnu::weak]] result __interceptor_##name(__VA_ARGS__);
+#define REAL(name) (__interceptor_##name != nullptr ? __interceptor_##name : __libc_##name)
+#define ALLOCATION(name, parameters, resized, ...)                                                 \
+    BEHIND(void*, name, parameters)                                                                \
+    void* name(parameters)                                                                         \
     {                                                                                              \
-        const auto real = __interceptor_##name != nullptr ? __interceptor_##name : __libc_##name;  \
-        return malloc_fails() ? nullptr : real(__VA_ARGS__);                                       \
+        void* const block = malloc_fails() ? nullptr : REAL(name)(__VA_ARGS__);                    \
+        live += block != nullptr && (resized) == nullptr ? 1 : 0;                                  \
+        return block;                                                                              \
     }
+#define BOTH(first, second) first, second
 extern "C" {
-ALLOCATION(malloc, (size_t size), size)
-ALLOCATION(calloc, (size_t count, size_t size), count, size)
-ALLOCATION(realloc, (void* block, size_t size), block, size)
+ALLOCATION(malloc, size_t size, nullptr, size)
+ALLOCATION(calloc, BOTH(size_t count, size_t size), nullptr, count, size)
+ALLOCATION(realloc, BOTH(void* old, size_t size), old, old, size)
+BEHIND(void, free, void* block)
+void free(void* block)
+{
+    live -= block != nullptr ? 1 : 0;
+    REAL(free)(block);
+}
 }
 #else
 extern "C" void* __real_malloc(size_t size);
