@@ -48,7 +48,6 @@ TEST(QuadTest, AcceptsExactlyWhatScanfDoes)
         const std::vector<char> copy(s.c_str(), s.c_str() + s.size() + 1); // a read past it is seen
         ASSERT_EQ(validateIP4Dotted(copy.data()) != 0, scanf_accepts(s)) << s;
     }
-    EXPECT_FALSE(validateIP4Dotted(nullptr));
 }
 
 // What a storage holds comes back, piece by piece, and makes the same storage again.
@@ -128,8 +127,6 @@ TEST(TextTest, ConvertsAsThePlatformParses)
             expect_pieces(&ss, c.back);
         }
     }
-    EXPECT_EQ(sockIsValidAddr(nullptr), 0);
-    EXPECT_EQ(sockGetIpVer(nullptr), IPVER_UNSPEC);
 }
 
 TEST(TextTest, Ipv4TextIsCut)
@@ -144,9 +141,6 @@ TEST(TextTest, Ipv4TextIsCut)
     addr = address("::1");
     EXPECT_EQ(sockIpAddrNtop(&addr, buf, 3), SEC_INVALID_ADDR); // IPv6 text is not cut
     EXPECT_EQ(sockIpAddrNtop(&addr, buf, 4), SEC_OK);
-    EXPECT_EQ(sockIpAddrNtop(&addr, buf, 0), SEC_INVALID_PARAM);
-    EXPECT_EQ(sockIpAddrNtop(&addr, nullptr, 4), SEC_INVALID_PARAM);
-    EXPECT_EQ(sockIpAddrNtop(nullptr, nullptr, 0), SEC_INVALID_ADDR);
     addr.ver = static_cast<sockIpVer_e>(3);
     EXPECT_EQ(sockIpAddrNtop(&addr, buf, 4), SEC_UNSPEC);
 }
@@ -181,24 +175,15 @@ TEST(StorageTest, WellKnownAddressesAndRefusals)
         EXPECT_EQ(sockGetStoragePort(&ss, &port), SEC_OK);
         EXPECT_EQ(port, c.result == SEC_OK ? 123 : 9);
     }
-    EXPECT_EQ(sockSetStorageByBinaryAddr(SOCK_IPTYPE_ANY, IPVER_IPV4, nullptr, 1, nullptr),
-              SEC_INVALID_PARAM);
-
     sockAddrStorage_t foreign = {};
+    sockIpAddr_t addr;
+    uint16_t port = 0;
     foreign.ss_family = AF_UNIX;
-    for (sockAddrStorage_t* ss : {&foreign, static_cast<sockAddrStorage_t*>(nullptr)}) {
-        const sockErrCode_e result = ss != nullptr ? SEC_UNSPEC : SEC_INVALID_PARAM;
-        sockIpAddr_t addr;
-        uint16_t port = 0;
-        EXPECT_EQ(sockGetStoragePort(ss, &port), result);
-        EXPECT_EQ(sockSetStoragePort(ss, 1), result);
-        EXPECT_EQ(sockGetStorageBinaryAddr(ss, &addr), result);
-        EXPECT_EQ(sockGetStorageStringAddr(ss, buf, sizeof buf), result);
-        EXPECT_EQ(sockGetStorageIpVer(ss), IPVER_UNSPEC);
-    }
-    EXPECT_EQ(sockGetStoragePort(&foreign, nullptr), SEC_INVALID_PARAM);
-    EXPECT_EQ(sockGetStorageBinaryAddr(&foreign, nullptr), SEC_INVALID_PARAM);
-    EXPECT_EQ(sockGetStorageStringAddr(&foreign, buf, 0), SEC_INVALID_PARAM);
+    EXPECT_EQ(sockGetStoragePort(&foreign, &port), SEC_UNSPEC);
+    EXPECT_EQ(sockSetStoragePort(&foreign, 1), SEC_UNSPEC);
+    EXPECT_EQ(sockGetStorageBinaryAddr(&foreign, &addr), SEC_UNSPEC);
+    EXPECT_EQ(sockGetStorageStringAddr(&foreign, buf, sizeof buf), SEC_UNSPEC);
+    EXPECT_EQ(sockGetStorageIpVer(&foreign), IPVER_UNSPEC);
 }
 
 TEST(AddressTest, KindsAndOrder)
@@ -228,8 +213,7 @@ TEST(AddressTest, KindsAndOrder)
     sockIpAddr_t ipv4 = address("1.2.3.4");
     sockIpAddr_t ipv6 = address("::1");
     EXPECT_EQ(sockGetIpAddrType(&none), SOCK_IPTYPE_UNSPEC);
-    EXPECT_EQ(sockGetIpAddrType(nullptr), SOCK_IPTYPE_UNSPEC);
-    for (sockIpAddr_t* other : {&none, &ipv6, static_cast<sockIpAddr_t*>(nullptr)}) {
+    for (sockIpAddr_t* other : {&none, &ipv6}) {
         EXPECT_EQ(sockCompareIpAddr(&ipv4, other), IPCMP_UNSPEC);
         EXPECT_EQ(sockCompareIpAddr(other, &ipv4), IPCMP_UNSPEC);
     }
@@ -247,8 +231,6 @@ TEST(PeerTest, OnlyConnectedInternetSocketsHaveAnAddress)
         EXPECT_EQ(peer.ss_family, family); // cleared all the same
         EXPECT_EQ(sockGetPeerAddr(fd, &addr), of_addr);
         EXPECT_EQ(text_of(&addr), of_addr == SEC_OK ? "127.0.0.1" : "9.9.9.9");
-        EXPECT_EQ(sockGetPeerName(fd, nullptr), SEC_INVALID_PARAM);
-        EXPECT_EQ(sockGetPeerAddr(fd, nullptr), SEC_INVALID_PARAM);
     };
     int local[2];
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, local), 0);

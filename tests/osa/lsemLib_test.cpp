@@ -1,5 +1,4 @@
 #include "child.h"
-#include "fail.h"
 #include "internal.h"
 #include "osaSem.h"
 #include "osaTask.h"
@@ -165,26 +164,10 @@ TEST(SemTest, FirstCountsAreFormedByKind)
         EXPECT_EQ(semDelete(kind.id), OK);
     }
     EXPECT_EQ(clock_reads, 0);
-    errno = 77;
-    EXPECT_EQ(semCCreate(0, -1), nullptr);
-    EXPECT_EQ(errno, 77);
-    fail_malloc(1);
-    EXPECT_EQ(semMCreate(0), nullptr);
-    fail_nothing();
     SEM_ID full = semCCreate(0, INT_MAX);
     semGive(full);
     EXPECT_EQ(record(full)->token_count, INT_MAX);
     semDelete(full);
-}
-
-TEST(SemTest, NullIdsAreRefused)
-{
-    expect_take(nullptr, NO_WAIT, S_objLib_OBJ_ID_ERROR);
-    for (status_t (*call)(SEM_ID) : {semGive, semFlush, semDelete}) {
-        errno = 0;
-        EXPECT_EQ(call(nullptr), ERROR);
-        EXPECT_EQ(errno, S_objLib_OBJ_ID_ERROR);
-    }
 }
 
 TEST(SemTest, WaitsEndAtTheirDeadlineAndNotBefore)

@@ -1,4 +1,3 @@
-#include "fail.h"
 #include "osaSem.h"
 #include "osaTask.h"
 #include "task_test.h"
@@ -27,7 +26,6 @@ extern "C" int __wrap_clock_nanosleep(clockid_t clock, int flags, const timespec
     return interruptions-- > 0 ? EINTR : 0;
 }
 
-static constexpr taskId_t NO_TASK = static_cast<taskId_t>(ERROR);
 static const char DELETED[] = "this signal is 10 \n";
 
 static int wait_forever()
@@ -101,32 +99,6 @@ TEST_F(TaskTest, SpawnedTaskIsNamedListedAndGivenItsArguments)
     }
     taskDelete(twin);
     taskDelete(unnamed);
-}
-
-TEST_F(TaskTest, FailedSpawnsLeaveNothingAndAMissingNameIsNoFailure)
-{
-    const struct {
-        FUNCPTR entry;
-        int thread, malloc; // the one that fails
-        int code;
-    } cases[] = {
-        {nullptr, 0, 0, S_smObjLib_NOT_INITIALIZED},
-        {TEN_INTS, 1, 0, S_memLib_NOT_ENOUGH_MEMORY},
-        {TEN_INTS, 0, 1, S_smObjLib_NOT_INITIALIZED}, // block
-        {TEN_INTS, 0, 3, S_memLib_NOT_ENOUGH_MEMORY}, // record
-        {TEN_INTS, 0, 2, 0},                          // name
-    };
-    char name[] = "tFail";
-    for (const auto& c : cases) {
-        fail_thread(c.thread);
-        fail_malloc(c.malloc);
-        errno = 0;
-        const taskId_t id = spawn_entry(name, c.entry);
-        EXPECT_EQ(id == NO_TASK ? errno : 0, c.code);
-        EXPECT_EQ(failed(), c.entry != nullptr);
-        fail_nothing();
-        EXPECT_TRUE(id == NO_TASK || (taskName(id) == nullptr && taskDelete(id) == OK));
-    }
 }
 
 TEST_F(TaskTest, DelaySleepsItsWholeLengthHoweverLongAndOftenInterrupted)

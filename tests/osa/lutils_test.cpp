@@ -133,13 +133,10 @@ TEST(Pipe, IsAFifoAndAnExistingFileWillDo)
     umask(mask);
     EXPECT_EQ(stat(name.c_str(), &info), 0);
     EXPECT_EQ(info.st_mode, S_IFIFO | 0755U);
-    for (char* gone : {name.data(), name.data(), static_cast<char*>(nullptr)}) {
-        EXPECT_EQ(pipeDevDelete(gone, 0), OK);
-    }
+    EXPECT_EQ(pipeDevDelete(name.data(), 0), OK);
     EXPECT_NE(stat(name.c_str(), &info), 0);
     EXPECT_EQ(pipeDevCreate((name + "/missing").data(), 1, 1), ERROR);
     EXPECT_EQ(errno, ENOENT);
-    EXPECT_EQ(pipeDevCreate(nullptr, 1, 1), ERROR);
     rmdir(dir);
 }
 
@@ -160,8 +157,6 @@ TEST(Replaced, GetlineFillsTheCallersBufferWhichMustHaveRoom)
     char* start = buffer;
     char* none = nullptr;
     size_t room = sizeof buffer;
-    EXPECT_EQ(line_of(nullptr, &room, file), -1);
-    EXPECT_EQ(line_of(&start, nullptr, file), -1);
     errno = 0;
     EXPECT_EQ(line_of(&none, &room, file), -1);
     EXPECT_EQ(errno, EINVAL);

@@ -256,15 +256,6 @@ TEST_F(WatchdogTest, ShowCopiesBeforeItWritesAndNeedsNoMemory)
     }
     const std::string all = counts(true); // though they fire meanwhile
     EXPECT_EQ(std::count(all.begin(), all.end(), ' '), 140);
-    errno = 77;
-    EXPECT_EQ(wdStart(nullptr, 1, nullptr, nullptr), ERROR);
-    selfRestart(nullptr);
-    EXPECT_EQ(errno, 77);
-    for (status_t (*operation)(WDOG_ID) : {wdCancel, wdDelete}) {
-        errno = 0;
-        EXPECT_EQ(operation(nullptr), ERROR);
-        EXPECT_EQ(errno, S_objLib_OBJ_ID_ERROR);
-    }
 }
 
 // ---- The exception task ----

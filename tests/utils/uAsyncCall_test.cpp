@@ -2,7 +2,6 @@
 #include "uTimer.h"
 
 #include "child.h"
-#include "fail.h"
 #include "internal.h"
 #include "osaMsg.h"
 #include "osaTask.h"
@@ -94,21 +93,4 @@ TEST(AsyncCallTest, TheFirstCallStartsTheServiceAndTwentyMayWait)
             EXPECT_EQ(taskIdListGet(tasks, 2), 1);
         }));
     }
-}
-
-TEST(AsyncCallTest, WithoutAQueueOrATaskCallsFailAndNothingSpins)
-{
-    EXPECT_TRUE(passes_in_child([] {
-        fail_malloc(1);
-        EXPECT_EQ(post(note), ERROR);
-        EXPECT_EQ(post(note), ERROR);
-        EXPECT_EQ(asyncCallMsgQ, nullptr);
-        expect_rest();
-    }));
-    EXPECT_TRUE(passes_in_child([] {
-        fail_thread(1);
-        for (int i = 0; i <= 20; i++) { // the queue is there, and nobody empties it
-            EXPECT_EQ(post(note), i < 20 ? OK : ERROR);
-        }
-    }));
 }

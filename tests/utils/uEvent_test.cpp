@@ -94,21 +94,6 @@ TEST(EventTest, FirstUseByManyMakesOneRegistry)
     }
 }
 
-TEST(EventTest, AFailedAllocationLeavesNothing)
-{
-    bool done = false;
-    for (int nth = 2; nth <= 600 && !done; nth++) { // lock, slots and node
-        uEventUninit();
-        log_clear();
-        fail_malloc(nth / 2, nth % 2 == 0); // for good, or once
-        done = care("e", 0);
-        EXPECT_EQ(raise_to("e"), done ? "0 " : "-");
-        EXPECT_EQ(logged(), done ? "" : "6 register event e fail.|3 No module care event e.|");
-    }
-    EXPECT_TRUE(done);
-    fail_nothing();
-}
-
 TEST(EventTest, Keys)
 {
     EXPECT_EQ(rsHash(nullptr, 256) + bkdrHash(nullptr) + remainderHash(nullptr), 0);

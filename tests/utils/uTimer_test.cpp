@@ -237,23 +237,6 @@ TEST_F(TimerTest, IsCreatedOnceAsLargeAsAskedIfThereIsMemory)
         EXPECT_EQ(free_blocks(), total == 400 ? 400U : 300U);
         forget_service();
     }
-    struct {
-        int nth;
-        bool and_after;
-        uint32_t next_id;
-    } const table[] = {
-        {1, true, 1},  // the pool and any lock
-        {1, false, 0}, // the pool, for good
-        {2, false, 0}, // its lock
-    };
-    for (const auto& row : table) {
-        fail_malloc(row.nth, row.and_after);
-        EXPECT_EQ(uTimerAdd(COUNT, nullptr, 1), 0U);
-        fail_nothing();
-        uTimerRun(1);
-        EXPECT_EQ(uTimerAdd(COUNT, nullptr, 1), row.next_id);
-        forget_service();
-    }
     uTimerInit(INT32_MAX); // more than can be asked for
     EXPECT_EQ(logged(), "6 Malloc timer pool failed.|");
 }

@@ -1,6 +1,5 @@
 #include "ulist.h"
 
-#include "fail.h"
 #include "internal.h"
 #include "log_double.h"
 #include "osaSem.h"
@@ -99,28 +98,6 @@ TEST_F(List, InsertsRemovesAndFindsAtEveryPosition)
     EXPECT_EQ(uListFirst(list), B);
 }
 
-TEST_F(List, AnswersNonsenseWithoutChange)
-{
-    hold({A, B});
-    for (ulist_t* each : {list, static_cast<ulist_t*>(nullptr)}) {
-        for (int32_t pos : {-1, -2, 2, INT32_MIN, INT32_MAX}) {
-            EXPECT_EQ(uListGet(each, pos), nullptr) << pos;
-            EXPECT_EQ(uListRemove(each, pos), nullptr) << pos;
-            EXPECT_EQ(uListRemoveAndFree(each, pos, note_free), each == nullptr ? -1 : 2) << pos;
-            EXPECT_TRUE(uListEol(each, pos)) << pos;
-        }
-        EXPECT_EQ(uListAdd(each, C, each == nullptr ? 0 : -2), -1);
-        EXPECT_EQ(uListAdd(each, nullptr, 0), -1);
-        EXPECT_EQ(uListSearch(each, nullptr, [](addr_t, addr_t) { return 0; }), -1);
-    }
-    EXPECT_EQ(content(), "AB");
-    EXPECT_EQ(uListSize(nullptr), -1);
-    EXPECT_EQ(uListFirst(nullptr), nullptr);
-    EXPECT_EQ(uListPosGetByElement(nullptr, A), -1);
-    EXPECT_EQ(uListUninit(nullptr), OK);
-    uListSpecialClear(nullptr, note_free);
-}
-
 TEST_F(List, IsReleasedOnlyEmpty)
 {
     ulist_t* heap = uListInit(0);
@@ -133,25 +110,6 @@ TEST_F(List, IsReleasedOnlyEmpty)
     EXPECT_EQ(log_of("quarn.utils.list"), "6 uListUninit: Uninit list that has nodes not free!|");
     uListSpecialClear(heap, nullptr);
     EXPECT_EQ(uListUninit(heap), OK);
-}
-
-TEST_F(List, StaysAsItWasWithoutMemory)
-{
-    hold({A, B});
-    for (int nth : {1, 2}) {
-        fail_malloc(nth);
-        EXPECT_EQ(uListInit(1), nullptr) << nth;
-    }
-    fail_malloc(1);
-    EXPECT_EQ(uListAdd(list, C, 1), -1);
-    fail_malloc(1);
-    uListSpecialClear(list, note_free);
-    EXPECT_EQ(content(), "AB");
-    EXPECT_EQ(log_of("quarn.utils.list"), "6 uListSpecialClear: init list error!|");
-    fail_malloc(2, true); // the elements themselves move without any
-    uListSpecialClear(list, note_free);
-    fail_nothing();
-    EXPECT_EQ(freed, "AB");
 }
 
 TEST_F(List, LetsCallersFunctionsUseIt)
