@@ -33,6 +33,7 @@
 #define SA_NODEFER   0x40000000
 #define SA_RESETHAND 0x80000000
 #define SI_USER  0
+#define SI_QUEUE (-1)
 #define SI_TIMER (-2)
 #define SI_TKILL (-6)
 #define SIGEV_THREAD_ID 4
