@@ -18,6 +18,13 @@ constexpr bool TSAN = false, SANITIZED = true;
 constexpr bool TSAN = false, SANITIZED = false;
 #endif
 
+// The emulator keeps memory of each thread that ended.
+#if defined(HNETD_EMULATED)
+constexpr bool EMULATED = true;
+#else
+constexpr bool EMULATED = false;
+#endif
+
 /** Nanoseconds of the monotonic clock. */
 int64_t now_ns();
 
