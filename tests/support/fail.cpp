@@ -3,6 +3,7 @@
 #include <atomic>
 #include <cerrno>
 #include <cstddef>
+#include <cstdint>
 #include <pthread.h>
 
 extern "C" int __real_pthread_create(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
@@ -73,24 +74,27 @@ long live_blocks()
     return live;
 }
 
-// Defined in the program, these are the whole process's. A sanitizer has its own behind them.
+// Defined in the program, these are the whole process's. A sanitizer has its own behind them, and
+// looks who calls: the last thing that is done here is the call, which takes this frame's place.
 #define BEHIND(result, name, ...)                                                                  \
     result __libc_##name(__VA_ARGS__);                                                             \
     [[gnu::weak]] result __interceptor_##name(__VA_ARGS__);
 #define REAL(name) (__interceptor_##name != nullptr ? __interceptor_##name : __libc_##name)
-#define ALLOCATION(name, parameters, resized, ...)                                                 \
+#define ALLOCATION(name, parameters, is_new, ...)                                                  \
     BEHIND(void*, name, parameters)                                                                \
     void* name(parameters)                                                                         \
     {                                                                                              \
-        void* const block = malloc_fails() ? nullptr : REAL(name)(__VA_ARGS__);                    \
-        live += block != nullptr && (resized) == nullptr ? 1 : 0;                                  \
-        return block;                                                                              \
+        if (malloc_fails()) {                                                                      \
+            return nullptr;                                                                        \
+        }                                                                                          \
+        live += (is_new) ? 1 : 0; /* as if it succeeded */                                         \
+        return REAL(name)(__VA_ARGS__);                                                            \
     }
 #define BOTH(first, second) first, second
 extern "C" {
-ALLOCATION(malloc, size_t size, nullptr, size)
-ALLOCATION(calloc, BOTH(size_t count, size_t size), nullptr, count, size)
-ALLOCATION(realloc, BOTH(void* old, size_t size), old, old, size)
+ALLOCATION(malloc, size_t size, size <= PTRDIFF_MAX, size)
+ALLOCATION(calloc, BOTH(size_t count, size_t size), true, count, size)
+ALLOCATION(realloc, BOTH(void* old, size_t size), old == nullptr, old, size)
 BEHIND(void, free, void* block)
 void free(void* block)
 {
