@@ -31,6 +31,7 @@
 #include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 
 using std::string;
@@ -128,12 +129,19 @@ static string text_since(off_t start)
                : " '" + text + "'";
 }
 
+// Past the end that the thread sanitizer makes, which takes a tenth of a second.
+[[noreturn]] static void leave()
+{
+    syscall(SYS_exit_group, 0);
+    __builtin_unreachable();
+}
+
 [[noreturn]] static void end_trial(const string& outcome)
 {
     const bool was_hit = hit || failed();
     fail_nothing();
     dprintf(reports, "%d %s\n", was_hit ? 1 : 0, outcome.c_str());
-    _exit(0);
+    leave();
 }
 
 /** What a failed operation leaves as it was: heap blocks, files, threads, tasks, watchdogs. */
@@ -428,7 +436,7 @@ static std::vector<report> reports_of(const operation& op, const std::function<v
         warm_up();
         caller = pthread_self();
         body();
-        _exit(0);
+        leave();
     }
     waitpid(child, &status, 0);
     string text(static_cast<size_t>(lseek(reports, 0, SEEK_END)), '\0');
