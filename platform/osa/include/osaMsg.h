@@ -205,9 +205,10 @@ void mybreak(void);
 //   which the caller provides: it is never allocated, enlarged or freed. A longer line comes in
 //   pieces. Result: the length, newline included, but only up to a zero byte in the line; -1 at the
 //   end of the file, on an error, and with nothing written for a null lineptr, n, buffer or
-//   stream and a buffer of less than 2 bytes (errno EINVAL). A signal while it waits for input is an error, and
-//   loses what there was of the line; SIGUSR1 is, so a deletion of the calling task takes effect
-//   there. Only when it comes in the instant before the wait does the task end after the line.
+//   stream and a buffer of less than 2 bytes (errno EINVAL). A signal while it waits for input is
+//   an error, and loses what there was of the line; SIGUSR1 is, so a deletion of the calling task
+//   takes effect there. Only when it comes in the instant before the wait does the task end after
+//   the line.
 // sethostname(host, len) changes nothing and returns 0.
 // gettid() is the kernel's id of the calling thread.
 

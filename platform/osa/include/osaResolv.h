@@ -16,14 +16,14 @@
 //
 // Any thread may call. Where the C library keeps its resolver's state for each thread (glibc), or
 // keeps none (musl), look-ups run side by side. Android's has one unguarded state for the process:
-// there one query is asked at a time, and a look-up may have to wait for the time-outs of others. It
-// does not know of queries that closed libraries ask the C library themselves; res_init, res_search
-// and their kin are not for them while look-ups run. That library reads no resolv.conf either: the
-// servers are those of the platform's resolver service, and a process outside it has none, unless
-// something answers on port 53 of the device itself.
+// there one query is asked at a time, and a look-up may have to wait for the time-outs of others.
+// It does not know of queries that closed libraries ask the C library themselves; res_init,
+// res_search and their kin are not for them while look-ups run. That library reads no resolv.conf
+// either: the servers are those of the platform's resolver service, and a process outside it has
+// none, unless something answers on port 53 of the device itself.
 //
-// A task deleted in a look-up ends after the query in progress, for a query cannot be cut short; one
-// that waits for its turn ends at once.
+// A task deleted in a look-up ends after the query in progress, for a query cannot be cut short;
+// one that waits for its turn ends at once.
 #pragma once
 
 #include "osaSocket.h"

@@ -2,9 +2,9 @@
 #pragma once
 #include <sys/cdefs.h>
 
-#define RTLD_LAZY   1
-#define RTLD_NOW    2
-#define RTLD_NOLOAD 4
+#define RTLD_LAZY    1
+#define RTLD_NOW     2
+#define RTLD_NOLOAD  4
 #define RTLD_DEFAULT ((void*)0)
 
 __BEGIN_DECLS

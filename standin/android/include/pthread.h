@@ -26,8 +26,18 @@ typedef long pthread_condattr_t;
 typedef int pthread_key_t;
 typedef int pthread_once_t;
 
-#define PTHREAD_MUTEX_INITIALIZER {{0}}
-#define PTHREAD_COND_INITIALIZER  {{0}}
+#define PTHREAD_MUTEX_INITIALIZER                                                                  \
+    {                                                                                              \
+        {                                                                                          \
+            0                                                                                      \
+        }                                                                                          \
+    }
+#define PTHREAD_COND_INITIALIZER                                                                   \
+    {                                                                                              \
+        {                                                                                          \
+            0                                                                                      \
+        }                                                                                          \
+    }
 #define PTHREAD_MUTEX_NORMAL     0
 #define PTHREAD_MUTEX_RECURSIVE  1
 #define PTHREAD_MUTEX_ERRORCHECK 2

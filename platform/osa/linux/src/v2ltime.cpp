@@ -153,7 +153,8 @@ static long long start_instant(const struct timeval* now)
 {
     struct sysinfo info;
 
-    const long uptime = sysinfo(&info) == 0 ? static_cast<long>(info.uptime) : 0; // unsigned in musl
+    const long uptime =
+        sysinfo(&info) == 0 ? static_cast<long>(info.uptime) : 0; // unsigned in musl
     return (now->tv_sec - uptime) * MS_PER_S + now->tv_usec / static_cast<long>(US_PER_MS);
 }
 

@@ -4,10 +4,10 @@
 
 #include <sys/socket.h>
 
-#define IPPROTO_IP   0
-#define IPPROTO_TCP  6
-#define IPPROTO_UDP  17
-#define IPPROTO_IPV6 41
+#define IPPROTO_IP       0
+#define IPPROTO_TCP      6
+#define IPPROTO_UDP      17
+#define IPPROTO_IPV6     41
 #define INADDR_ANY       ((in_addr_t)0x00000000)
 #define INADDR_BROADCAST ((in_addr_t)0xffffffff)
 #define INADDR_LOOPBACK  ((in_addr_t)0x7f000001)
@@ -27,8 +27,22 @@ struct in6_addr {
         uint32_t u6_addr32[4];
     } in6_u;
 };
-#define IN6ADDR_ANY_INIT      {{{0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}}}
-#define IN6ADDR_LOOPBACK_INIT {{{0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1}}}
+#define IN6ADDR_ANY_INIT                                                                           \
+    {                                                                                              \
+        {                                                                                          \
+            {                                                                                      \
+                0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0                                     \
+            }                                                                                      \
+        }                                                                                          \
+    }
+#define IN6ADDR_LOOPBACK_INIT                                                                      \
+    {                                                                                              \
+        {                                                                                          \
+            {                                                                                      \
+                0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 1                                     \
+            }                                                                                      \
+        }                                                                                          \
+    }
 #define s6_addr   in6_u.u6_addr8
 #define s6_addr32 in6_u.u6_addr32
 struct sockaddr_in {

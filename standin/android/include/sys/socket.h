@@ -4,22 +4,22 @@
 
 #include <sys/types.h>
 
-#define AF_UNSPEC 0
-#define AF_UNIX   1
-#define AF_INET   2
-#define AF_INET6  10
-#define PF_INET   AF_INET
-#define PF_INET6  AF_INET6
-#define SOCK_STREAM 1
-#define SOCK_DGRAM  2
+#define AF_UNSPEC     0
+#define AF_UNIX       1
+#define AF_INET       2
+#define AF_INET6      10
+#define PF_INET       AF_INET
+#define PF_INET6      AF_INET6
+#define SOCK_STREAM   1
+#define SOCK_DGRAM    2
 #define SOCK_NONBLOCK 04000
 #define SOCK_CLOEXEC  02000000
-#define SOL_SOCKET   1
-#define SO_REUSEADDR 2
-#define SO_BROADCAST 6
-#define SO_RCVTIMEO  20
-#define MSG_DONTWAIT 0x40
-#define MSG_NOSIGNAL 0x4000
+#define SOL_SOCKET    1
+#define SO_REUSEADDR  2
+#define SO_BROADCAST  6
+#define SO_RCVTIMEO   20
+#define MSG_DONTWAIT  0x40
+#define MSG_NOSIGNAL  0x4000
 
 typedef unsigned short sa_family_t;
 typedef unsigned int socklen_t;

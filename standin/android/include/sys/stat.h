@@ -24,16 +24,16 @@ struct stat {
     unsigned int unused[2];
 };
 
-#define S_IFMT  00170000
-#define S_IFREG 0100000
-#define S_IFIFO 0010000
-#define S_ISREG(m)  (((m) & S_IFMT) == S_IFREG)
-#define S_ISFIFO(m) (((m) & S_IFMT) == S_IFIFO)
-#define S_IRUSR 00400
-#define S_IWUSR 00200
-#define S_IWGRP 00020
-#define S_IWOTH 00002
-#define S_ISVTX 0001000
+#define S_IFMT      00170000
+#define S_IFREG     0100000
+#define S_IFIFO     0010000
+#define S_ISREG(m)  (((m)&S_IFMT) == S_IFREG)
+#define S_ISFIFO(m) (((m)&S_IFMT) == S_IFIFO)
+#define S_IRUSR     00400
+#define S_IWUSR     00200
+#define S_IWGRP     00020
+#define S_IWOTH     00002
+#define S_ISVTX     0001000
 
 __BEGIN_DECLS
 int fstat(int, struct stat*);

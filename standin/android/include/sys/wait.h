@@ -4,9 +4,9 @@
 
 #include <sys/types.h>
 
-#define WNOHANG 1
-#define WEXITSTATUS(s) (((s) & 0xff00) >> 8)
-#define WTERMSIG(s)    ((s) & 0x7f)
+#define WNOHANG        1
+#define WEXITSTATUS(s) (((s)&0xff00) >> 8)
+#define WTERMSIG(s)    ((s)&0x7f)
 #define WIFEXITED(s)   (WTERMSIG(s) == 0)
 #define WIFSIGNALED(s) (WTERMSIG((s) + 1) >= 2)
 
